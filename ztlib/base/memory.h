@@ -1,0 +1,43 @@
+// Memory of the malloc family with an owner. Everything that crosses the library's interface is
+// allocated here or with the same calls, because hosts free it with free().
+#pragma once
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace zt {
+
+struct Free {
+    void operator()(void* memory) const { free(memory); }
+};
+
+// Owns one block until release().
+template <class T>
+using Owned = std::unique_ptr<T, Free>;
+
+// A zeroed record, or null.
+template <class T>
+T* allocate_zeroed() {
+    return static_cast<T*>(calloc(1, sizeof(T)));
+}
+
+// Room for `count` objects, not zeroed, or null; null too where the size would not fit.
+template <class T>
+T* allocate(size_t count) {
+    size_t bytes;
+    if (__builtin_mul_overflow(count, sizeof(T), &bytes)) return nullptr;
+    return static_cast<T*>(malloc(bytes));
+}
+
+// A terminated copy of `length` characters, or null.
+template <class Char>
+Char* duplicate(const Char* text, size_t length) {
+    Char* copy = allocate<Char>(length + 1);
+    if (!copy) return nullptr;
+    memcpy(copy, text, length * sizeof(Char));
+    copy[length] = 0;
+    return copy;
+}
+
+}  // namespace zt
