@@ -6,4 +6,11 @@
 #include <ztlib/pthread_utils.h>
 #include <ztlib/zt_library.h>
 
+#include <ztlib/lists/circular_list.h>
+#include <ztlib/lists/linked_list.h>
+
+#include <ztlib/queue/queue.h>
+
+#include <ztlib/hashtable/hashtable.h>
+
 #endif

@@ -14,5 +14,54 @@ SIZE(pthread_mutex_t, 40);
 SIZE(pthread_cond_t, 48);
 SIZE(pthread_rwlock_t, 56);
 
+SIZE(sem_t, 32);
+
+SIZE(linked_list, 16);
+FIELD(linked_list, first, 0);
+FIELD(linked_list, last, 8);
+
+SIZE(linked_priority_list, 16);
+FIELD(linked_priority_list, first, 0);
+FIELD(linked_priority_list, last, 8);
+
+SIZE(circular_list, 16);
+FIELD(circular_list, head, 0);
+FIELD(circular_list, current, 8);
+
+SIZE(circular_list_node, 24);
+FIELD(circular_list_node, value, 0);
+FIELD(circular_list_node, next, 8);
+FIELD(circular_list_node, prev, 16);
+
+SIZE(queue, 144);
+FIELD(queue, mutex, 0);
+FIELD(queue, items, 40);
+FIELD(queue, cond, 72);
+FIELD(queue, head, 120);
+FIELD(queue, tail, 128);
+FIELD(queue, flags, 136);
+
+SIZE(queue_node, 16);
+FIELD(queue_node, value, 0);
+FIELD(queue_node, next, 8);
+
+SIZE(hashtable, 144);
+FIELD(hashtable, mutex, 0);
+FIELD(hashtable, rwlock, 40);
+FIELD(hashtable, size, 96);
+FIELD(hashtable, buckets, 104);
+FIELD(hashtable, last, 112);
+FIELD(hashtable, count, 120);
+FIELD(hashtable, key_type, 128);
+FIELD(hashtable, lock_mode, 129);
+FIELD(hashtable, hash, 136);
+
+SIZE(hashtable_entry, 40);
+FIELD(hashtable_entry, key, 0);
+FIELD(hashtable_entry, value, 8);
+FIELD(hashtable_entry, next, 16);
+FIELD(hashtable_entry, newer, 24);
+FIELD(hashtable_entry, older, 32);
+
 extern int abi_records_checked;
 int abi_records_checked;
