@@ -3,6 +3,7 @@
 #define ZTLIB_ZTLIB_H
 
 #include <ztlib/logger.h>
+#include <ztlib/pools/threadpool/netthreadpool.h>
 #include <ztlib/pthread_utils.h>
 #include <ztlib/zt_library.h>
 

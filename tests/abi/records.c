@@ -62,6 +62,36 @@ FIELD(hashtable_entry, value, 8);
 FIELD(hashtable_entry, next, 16);
 FIELD(hashtable_entry, newer, 24);
 FIELD(hashtable_entry, older, 32);
+SIZE(netthreadpool, 320096);
+FIELD(netthreadpool, node_lock, 0);
+FIELD(netthreadpool, free_nodes, 40);
+FIELD(netthreadpool, busy_nodes, 80040);
+FIELD(netthreadpool, start_nodes, 160040);
+FIELD(netthreadpool, node_count, 160044);
+FIELD(netthreadpool, thread_lock, 160048);
+FIELD(netthreadpool, free_threads, 160088);
+FIELD(netthreadpool, busy_threads, 240088);
+FIELD(netthreadpool, start_threads, 320088);
+FIELD(netthreadpool, thread_count, 320092);
+
+/* The library alone makes these; what stands behind the last field is its own. */
+FIELD(netthreadpool_node, index, 0);
+FIELD(netthreadpool_node, invitations, 4);
+FIELD(netthreadpool_node, mutex, 8);
+FIELD(netthreadpool_node, flags, 48);
+FIELD(netthreadpool_node, pool, 56);
+FIELD(netthreadpool_node, user_pointer, 64);
+FIELD(netthreadpool_node, read_routine, 72);
+FIELD(netthreadpool_node, write_routine, 80);
+FIELD(netthreadpool_node, release_routine, 88);
+
+FIELD(netthreadpool_thread, index, 0);
+FIELD(netthreadpool_thread, thread_handle, 8);
+FIELD(netthreadpool_thread, flags, 16);
+FIELD(netthreadpool_thread, pool, 24);
+FIELD(netthreadpool_thread, mutex, 32);
+FIELD(netthreadpool_thread, condition, 72);
+FIELD(netthreadpool_thread, node, 120);
 
 extern int abi_records_checked;
 int abi_records_checked;
