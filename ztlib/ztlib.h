@@ -3,7 +3,6 @@
 #define ZTLIB_ZTLIB_H
 
 #include <ztlib/logger.h>
-#include <ztlib/pools/threadpool/netthreadpool.h>
 #include <ztlib/pthread_utils.h>
 #include <ztlib/zt_library.h>
 
@@ -13,5 +12,8 @@
 #include <ztlib/queue/queue.h>
 
 #include <ztlib/hashtable/hashtable.h>
+
+#include <ztlib/pools/threadpool/netthreadpool.h>
+#include <ztlib/pools/threadpool/protocols/simple_xml.h>
 
 #endif

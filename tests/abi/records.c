@@ -62,6 +62,7 @@ FIELD(hashtable_entry, value, 8);
 FIELD(hashtable_entry, next, 16);
 FIELD(hashtable_entry, newer, 24);
 FIELD(hashtable_entry, older, 32);
+
 SIZE(netthreadpool, 320096);
 FIELD(netthreadpool, node_lock, 0);
 FIELD(netthreadpool, free_nodes, 40);
