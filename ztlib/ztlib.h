@@ -4,6 +4,7 @@
 
 #include <ztlib/logger.h>
 #include <ztlib/pthread_utils.h>
+#include <ztlib/xmldoc/xmldoc.h>
 #include <ztlib/zt_library.h>
 
 #endif
