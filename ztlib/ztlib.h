@@ -8,6 +8,7 @@
 #include <ztlib/logger.h>
 #include <ztlib/pthread_utils.h>
 #include <ztlib/utils/converters.h>
+#include <ztlib/xmldoc/xmldoc.h>
 #include <ztlib/zt_library.h>
 
 #include <ztlib/lists/circular_list.h>

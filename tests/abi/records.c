@@ -110,6 +110,26 @@ FIELD(net_buffer, data, 88);
 FIELD(net_buffer, capacity, 96);
 FIELD(net_buffer, length, 100);
 FIELD(net_buffer, flags, 104);
+SIZE(xmldoc_attr, 32);
+FIELD(xmldoc_attr, name, 0);
+FIELD(xmldoc_attr, value, 8);
+FIELD(xmldoc_attr, previous, 16);
+FIELD(xmldoc_attr, next, 24);
+
+SIZE(xmldoc_node, 72);
+FIELD(xmldoc_node, name, 0);
+FIELD(xmldoc_node, value, 8);
+FIELD(xmldoc_node, parent, 16);
+FIELD(xmldoc_node, first_child, 24);
+FIELD(xmldoc_node, last_child, 32);
+FIELD(xmldoc_node, first_attribute, 40);
+FIELD(xmldoc_node, last_attribute, 48);
+FIELD(xmldoc_node, previous_sibling, 56);
+FIELD(xmldoc_node, next_sibling, 64);
+
+SIZE(xmldoc, 16);
+FIELD(xmldoc, declaration, 0);
+FIELD(xmldoc, root, 8);
 
 extern int abi_records_checked;
 int abi_records_checked;
