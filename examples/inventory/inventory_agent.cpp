@@ -51,7 +51,7 @@ Document receive(const Descriptor& connection) {
             throw std::runtime_error("the server's answer is not XML");
         default:
             if (errno == EAGAIN) throw std::runtime_error("the server does not answer");
-            throw std::runtime_error(errno ? strerror(errno) : "the server's answer has no end");
+            throw std::runtime_error(errno ? strerror(errno) : "the server's answer is too long");
     }
 }
 
