@@ -119,8 +119,12 @@ Entity<Char> read_entity(const Char* mark, const Char* end) {
     const Char* const semicolon = find(body, body + in_reach, Char(';'));
     if (!semicolon) return {find(body, end, Char(';')) ? kEntityTooLong : kEntityUnended, 0, 0};
 
+    const auto body_starts_with = [&](std::string_view name) {
+        return static_cast<size_t>(semicolon - body) >= name.size() &&
+               std::equal(name.begin(), name.end(), body);
+    };
     for (const NamedEntity& named : kNamedEntities)
-        if (std::equal(named.name.begin(), named.name.end(), body))
+        if (body_starts_with(named.name))
             return {0, 1 + named.name.size() + 1, Char(named.character)};
     if (*body == '#') {
         const long number = body[1] == 'x' ? read_number(body + 2, 16) : read_number(body + 1, 10);

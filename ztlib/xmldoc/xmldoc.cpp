@@ -1,13 +1,14 @@
 // The narrow XML document: records, look-ups, the parser's instance for char, and the writer.
 //
 // Parser, in-place text steps and tree walks are templates shared with the wide document
-// (xml_parser.hpp, xml_text.hpp, xml_tree.hpp). What is here alone is the writer: one walk that
-// appends pieces to the caller's byte buffer.
+// (xml_parser.hpp, xml_text.hpp, xml_tree.hpp, xml_dump.hpp). What is here alone is the writer: one
+// walk that appends pieces to the caller's byte buffer.
 
 #include <ztlib/xmldoc/xmldoc.h>
 
 #include <ztlib/base/failure.h>
 #include <ztlib/base/memory.h>
+#include <ztlib/xmldoc/xml_dump.hpp>
 #include <ztlib/xmldoc/xml_parser.hpp>
 #include <ztlib/xmldoc/xml_text.hpp>
 #include <ztlib/xmldoc/xml_tree.hpp>
@@ -138,36 +139,6 @@ class Writer {
     }
 
     Output& output_;
-};
-
-// The dump's side of the walk. What the stream refuses is not missed here: its owner asks ferror().
-class Dumper {
-  public:
-    explicit Dumper(FILE* stream) : stream_(stream) {}
-
-    bool open(const xmldoc_node& node) {
-        put("<", node.name);
-        for (const xmldoc_attr* a = node.first_attribute; a; a = a->next) {
-            put(" ", a->name);
-            put("=\"", a->value);
-            put("\"");
-        }
-        put(">", node.value);
-        return true;
-    }
-    bool close(const xmldoc_node& node) {
-        put("</", node.name);
-        put(">");
-        return true;
-    }
-
-  private:
-    void put(const char* mark, const char* text = nullptr) {
-        fputs(mark, stream_);
-        if (text) fputs(text, stream_);
-    }
-
-    FILE* stream_;
 };
 
 // False, with the node as it was, when memory is out.
@@ -365,8 +336,7 @@ extern "C" void xmldoc_node_dump(const xmldoc_node* node) {
 
 extern "C" void _xmldoc_node_dump_fd(const xmldoc_node* node, FILE* stream, unsigned /*depth*/) {
     if (!node || !stream) return;
-    Dumper dumper(stream);
-    zt::xml::walk(*node, dumper);
+    zt::xml::dump(*node, stream);
 }
 
 extern "C" const char* _xmldoc_skip_white(const char* text) {
