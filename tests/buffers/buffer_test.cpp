@@ -348,7 +348,7 @@ TEST(BufferFormat, DoesNotReadAStringThatPrintfDoesNot) {
 
 TEST(BufferFormat, ReadsNoStringBehindNumberedArgumentsOrUnknownConversions) {
     EXPECT_EQ(printed("%2$s-%1$d", 1, "two"), text_and_room("two-1", 9 + 64 + 32));
-    EXPECT_EQ(printed("%1$*2$d%s", 1, 2, 3).second, 9u + 64 + 32 + 1);
+    EXPECT_EQ(printed("%1$*2$d%3$s", 1, 3, "x"), text_and_room("  1x", 11 + 64 + 32));
     EXPECT_EQ(printed("%y%s", "abc").second, 4u + 64 + 32 + 1);
 }
 

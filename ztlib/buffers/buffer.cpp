@@ -39,8 +39,11 @@ struct Fields {
 [[gnu::noinline]] bool grow(Fields b, size_t more, size_t most, const char* function) {
     const size_t capacity = std::max(more + 2 * size_t{b.capacity}, b.length + more) + 1;
 
-    errno = ENOMEM;
-    auto* data = capacity <= most ? static_cast<char*>(realloc(b.data, capacity)) : nullptr;
+    char* data = nullptr;
+    if (capacity <= most)
+        data = static_cast<char*>(realloc(b.data, capacity));
+    else
+        errno = ENOMEM;
     if (!data) {
         fprintf(stderr, "%s:%s realloc():%s\n", kModule, function, strerror(errno));
         return false;

@@ -42,8 +42,10 @@ bool has_room(const wbuffer& b, int n) {
 // False, with errno set and the array as it was, for none, too many and when memory is out. The
 // text of a first array is made of zeros.
 bool reallocate(wbuffer& b, uint64_t characters) {
-    errno = ENOMEM;
-    if (characters == 0 || has_wrapped(characters)) return false;
+    if (characters == 0 || has_wrapped(characters)) {
+        errno = ENOMEM;
+        return false;
+    }
     void* const data = realloc(b.data, characters * sizeof(wchar_t));
     if (!data) return false;
     const bool is_first = !b.data;
@@ -158,7 +160,7 @@ extern "C" int wbuffer_append(wbuffer* b, const wchar_t* s, int n) {
     if (!b) return refuse_null(here);
     if (!s && n != 0) return -1;
 
-    errno = ENOMEM;
+    if (n < 0) errno = ENOMEM;
     if (n < 0 || wbuffer_expand(b, n) != 0) {
         zt::report_call(here, "wbuffer_expand", LOGGER_ERROR);
         return -2;
