@@ -177,7 +177,10 @@ Result agent(const Server& server, const Strings& arguments) {
 // A peer that speaks the protocol byte by byte.
 class Peer {
   public:
-    explicit Peer(const Server& server) : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    // `room`: bytes that the system receives ahead; 0 for as many as usual.
+    explicit Peer(const Server& server, int room = 0)
+        : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        if (room) setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<uint16_t>(std::stoi(server.port)));
@@ -185,6 +188,7 @@ class Peer {
         const timeval limit{30, 0};
         setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        server_port_ = ntohs(address.sin_port);
     }
     ~Peer() { close(socket_); }
     Peer(const Peer&) = delete;
@@ -224,6 +228,21 @@ class Peer {
         send_frame(text);
         return receive().value_or("(ended)");
     }
+    // True once the server has received all that was sent: its queue, in the system's table of
+    // connections, is empty.
+    bool everything_is_taken() const {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
+        char server_end[64];
+        snprintf(server_end, sizeof server_end, ": 0100007F:%04X 0100007F:%04X 01 ", server_port_,
+                 ntohs(address.sin_port));
+        const std::string table = content_of("/proc/net/tcp");
+        const size_t at = table.find(server_end);
+        constexpr size_t kQueue = 8;  // hexadecimal digits, once to be sent, once received
+        return at != std::string::npos &&
+               table.compare(at + strlen(server_end) + kQueue + 1, kQueue, "00000000") == 0;
+    }
     // True once the server has ended the connection.
     bool ended() {
         char byte;
@@ -247,6 +266,7 @@ class Peer {
     }
 
     int socket_;
+    unsigned server_port_ = 0;
 };
 
 // A report as an agent sends it, its parts to be changed by tests.
@@ -664,7 +684,8 @@ TEST_P(InventoryStops, WithConnectionsOpenAndRequestsInFlight) {
     Server server;
     Peer filler(server);
     Report report;
-    for (int i = 0; i < 500; ++i) {
+    report.system = "<system>" + replace_all(std::string(128, '&'), "&", "&amp;") + "</system>";
+    for (int i = 0; i < 1500; ++i) {
         report.name = "<name>" + std::to_string(i) + "</name>";
         filler.ask(report.text());
     }
@@ -675,9 +696,16 @@ TEST_P(InventoryStops, WithConnectionsOpenAndRequestsInFlight) {
         half.push_back(std::make_unique<Peer>(server));
         half.back()->send_bytes(Peer::frame(report.text()).substr(0, 100));
         asking.push_back(std::make_unique<Peer>(server));
-        asking.back()->send_frame("<list/>");  // the answer is more than a socket holds
         asking.back()->send_frame(report.text());
     }
+
+    // Four lists are more than the system keeps for a peer that reads nothing: its writer is stuck.
+    Peer stuck(server, 4096);
+    for (int i = 0; i < 4; ++i) {
+        stuck.send_frame("<list/>");
+        EXPECT_TRUE(eventually([&] { return stuck.everything_is_taken(); }));
+    }
+
     const pid_t flood = fork();
     if (flood == 0) {
         Peer flooder(server);
