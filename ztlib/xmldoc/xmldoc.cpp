@@ -22,7 +22,6 @@
 #include <initializer_list>
 #include <memory>
 #include <string_view>
-#include <utility>
 
 namespace {
 
