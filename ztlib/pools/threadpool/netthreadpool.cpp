@@ -204,6 +204,13 @@ void go_idle(netthreadpool_thread& self, Site here) {
     if (std::exchange(self.awaited, 0u)) pthread_cond_broadcast(&self.returned);
 }
 
+// One turn for the other threads before this one sleeps. Whoever was about to invite takes the
+// lowest idle thread, often the one that has just come back; it is then still awake, and nobody has
+// to wake it.
+void linger(const netthreadpool_thread& self) {
+    if (!zt::load(self.node)) sched_yield();
+}
+
 void* netthreadpool_thread_routine(void* argument) {
     const Site here{kModule, __func__};
     auto& self = *static_cast<netthreadpool_thread*>(argument);
@@ -212,6 +219,7 @@ void* netthreadpool_thread_routine(void* argument) {
     while (netthreadpool_node* node = next_node(self, here)) {
         serve(self, *node, here);
         go_idle(self, here);
+        linger(self);
     }
     return nullptr;
 }
@@ -297,7 +305,7 @@ void hand_over(netthreadpool_node& node, netthreadpool_thread& thread, const Kin
         Lock thread_lock(thread.mutex, kind.here);
         node.flags |= kind.invited;
         ++node.invitations;
-        thread.node = &node;
+        zt::store(thread.node, &node);
         signallers.fetch_add(1, std::memory_order_relaxed);
     }
     lock.unlock();
