@@ -42,10 +42,10 @@ const char* level_word(uint8_t level) {
 std::string_view base_name(const char* path) {
     if (!path || !*path) return ".";
     std::string_view name(path);
-    const size_t last = name.find_last_not_of('/');
-    if (last == name.npos) return "/";
-    name = name.substr(0, last + 1);
-    return name.substr(name.find_last_of('/') + 1);
+    while (name.size() > 1 && name.back() == '/') name.remove_suffix(1);
+    if (name == "/") return name;
+    name.remove_prefix(name.find_last_of('/') + 1);  // npos + 1 is 0
+    return name;
 }
 
 void open_system_log_once() {

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <cstdlib>
 #include <cwchar>
 #include <string_view>
@@ -84,7 +85,7 @@ template <class Char>
 void shift_left(Char* text, size_t count) {
     const size_t length = std::char_traits<Char>::length(text);
     count = std::min(count, length);
-    std::char_traits<Char>::move(text, text + count, length - count + 1);
+    memmove(text, text + count, (length - count + 1) * sizeof(Char));
 }
 
 // CR LF, and each CR, LF and TAB on its own, becomes one space.
@@ -170,7 +171,7 @@ int decode_entities(Char* text, size_t length) {
     Char* to = text;
     const auto keep_until = [&](const Char* until) {
         const auto kept = static_cast<size_t>(until - from);
-        std::char_traits<Char>::move(to, from, kept);
+        memmove(to, from, kept * sizeof(Char));
         to += kept;
         from = until;
     };

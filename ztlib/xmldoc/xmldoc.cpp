@@ -131,7 +131,7 @@ class Output {
     bool put_cut(std::initializer_list<std::string_view> parts) {
         size_t left = kPieceLimit;
         for (const std::string_view part : parts) {
-            const std::string_view kept = part.substr(0, left);
+            const std::string_view kept(part.data(), std::min(part.size(), left));
             if (!put(kept)) return false;
             left -= kept.size();
         }
