@@ -17,4 +17,9 @@
 
 #include <ztlib/hashtable/hashtable.h>
 
+#include <ztlib/network/socket_client/socket_client.h>
+#include <ztlib/network/socket_listener.h>
+
+#include <ztlib/pools/threadpool/threadpool.h>
+
 #endif
