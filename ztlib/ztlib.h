@@ -2,8 +2,12 @@
 #ifndef ZTLIB_ZTLIB_H
 #define ZTLIB_ZTLIB_H
 
+#include <ztlib/buffers/buffer.h>
+#include <ztlib/buffers/net_buffer.h>
+#include <ztlib/buffers/wbuffer.h>
 #include <ztlib/logger.h>
 #include <ztlib/pthread_utils.h>
+#include <ztlib/utils/converters.h>
 #include <ztlib/zt_library.h>
 
 #endif

@@ -1,0 +1,161 @@
+// The three fields of a byte buffer lie in whatever record embeds them, so every operation works on
+// references to them. Sizes are added up in size_t and compared with the 32 bits of the fields
+// where they would enter them.
+//
+// A formatted append guesses the text's size (format_estimate.hpp), grows once and prints once,
+// straight into the buffer. A second print is for the rare text that was longer than the guess.
+
+#include <ztlib/buffers/buffer.h>
+
+#include <ztlib/base/failure.h>
+#include <ztlib/base/memory.h>
+#include <ztlib/buffers/format_estimate.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+namespace {
+
+constexpr const char* kModule = "./buffers/buffer";
+
+constexpr size_t kMostForAppend = UINT32_MAX;   // the capacity that buffer_append() grows to
+constexpr size_t kMostForMakeRoom = INT32_MAX;  // ... and buffer_make_room()
+constexpr size_t kMoreThanFits = SIZE_MAX / 4;  // a count that no buffer has room for
+constexpr size_t kFormatSlack = 32;
+
+struct Fields {
+    char*& data;
+    unsigned& capacity;
+    unsigned& length;
+
+    // `more` bytes and a terminator fit behind the text.
+    bool has_room(size_t more) const { return data && length + more < capacity; }
+    char* end() const { return data + length; }
+};
+
+// Gives a buffer that has no room for `more` bytes a new block. A null data that claims a capacity
+// or a length is taken at its word: the block then begins with `length` zero bytes.
+[[gnu::noinline]] bool grow(Fields b, size_t more, size_t most, const char* function) {
+    const size_t needed = b.length + more + 1;
+    const size_t grown = needed > b.capacity ? more + 2 * size_t{b.capacity} + 1 : b.capacity;
+    const size_t capacity = std::max(grown, needed);
+
+    errno = ENOMEM;
+    auto* data = capacity <= most ? static_cast<char*>(realloc(b.data, capacity)) : nullptr;
+    if (!data) {
+        fprintf(stderr, "%s:%s realloc():%s\n", kModule, function, strerror(errno));
+        return false;
+    }
+    if (!b.data) memset(data, 0, b.length);
+    b.data = data;
+    b.capacity = static_cast<unsigned>(capacity);
+    return true;
+}
+
+bool make_room(Fields b, size_t more) {
+    return b.has_room(more) || grow(b, more, kMostForMakeRoom, "buffer_make_room");
+}
+
+// The length of the text that the arguments make, printed into `room` bytes as far as it fits;
+// negative when the C library cannot print it.
+__attribute__((format(printf, 3, 0))) int print(char* to, size_t room, const char* format,
+                                                va_list arguments) {
+    va_list copy;
+    va_copy(copy, arguments);
+    const int length = vsnprintf(to, room, format, copy);
+    va_end(copy);
+    return length;
+}
+
+__attribute__((format(printf, 2, 0))) void append_formatted(Fields b, const char* format,
+                                                            va_list arguments) {
+    const size_t estimate = strlen(format) + zt::estimate_conversions(format, arguments);
+    if (!make_room(b, estimate + kFormatSlack)) {
+        const int length = print(nullptr, 0, format, arguments);
+        if (length < 0 || !b.has_room(static_cast<size_t>(length))) return;
+    }
+
+    int length = print(b.end(), b.capacity - b.length, format, arguments);
+    if (length >= 0 && !b.has_room(static_cast<size_t>(length))) {
+        const bool grown = make_room(b, static_cast<size_t>(length));
+        length = grown ? print(b.end(), b.capacity - b.length, format, arguments) : -1;
+    }
+    if (length < 0) {
+        *b.end() = '\0';
+        return;
+    }
+    b.length += static_cast<unsigned>(length);
+}
+
+}  // namespace
+
+extern "C" buffer* buffer_create() {
+    const zt::Site here{kModule, __func__};
+
+    zt::Owned<buffer> b(zt::allocate_zeroed<buffer>());
+    if (!b) {
+        zt::report_call(here, "calloc");
+        return nullptr;
+    }
+    if (buffer_init(b.get()) != 0) {
+        zt::report_call(here, "buffer_init");
+        return nullptr;
+    }
+    return b.release();
+}
+
+extern "C" int buffer_init(buffer* b) {
+    if (!b) return -1;
+    *b = {};
+    return 0;
+}
+
+extern "C" void buffer_free(buffer* b, int free_record) {
+    if (!b) return;
+    free(b->data);
+    *b = {};
+    if (free_record) free(b);
+}
+
+extern "C" char* buffer_make_room(char** data, unsigned* capacity, unsigned* length, unsigned n) {
+    if (!data || !capacity || !length) return nullptr;
+    return make_room({*data, *capacity, *length}, n) ? *data : nullptr;
+}
+
+extern "C" char* buffer_append(char** data, unsigned* capacity, unsigned* length, const void* src,
+                               int n) {
+    if (!data || !capacity || !length || (!src && n != 0)) return nullptr;
+    const Fields b{*data, *capacity, *length};
+    const size_t more = n >= 0 ? static_cast<size_t>(n) : kMoreThanFits;
+
+    if (!b.has_room(more) && !grow(b, more, kMostForAppend, __func__)) return nullptr;
+    if (more != 0) memcpy(b.end(), src, more);
+    b.length += static_cast<unsigned>(more);
+    *b.end() = '\0';
+    return b.data;
+}
+
+extern "C" int buffer_remove(char** data, unsigned* capacity, unsigned* length, int n) {
+    if (!data || !*data || !capacity || !length) return -2;
+    const Fields b{*data, *capacity, *length};
+    if (n < 0 || static_cast<unsigned>(n) > b.length) return -3;
+
+    const auto gone = static_cast<unsigned>(n);
+    b.length -= gone;
+    if (b.length == 0) return 0;
+    memmove(b.data, b.data + gone, b.length);
+    if (b.length < b.capacity) *b.end() = '\0';
+    return 0;
+}
+
+extern "C" char* buffer_vsnprintf(char** data, unsigned* capacity, unsigned* length,
+                                  const char* format, ...) {
+    if (!data || !capacity || !length || !format) return nullptr;
+
+    va_list arguments;
+    va_start(arguments, format);
+    append_formatted({*data, *capacity, *length}, format, arguments);
+    va_end(arguments);
+    return *data;
+}
