@@ -9,7 +9,7 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 add_compile_definitions(_GNU_SOURCE OPENSSL_API_COMPAT=0x10100000L)
-add_compile_options(-Wall -Wextra -Wpedantic -Werror -Wshadow -Wcast-qual -Wformat=2
+add_compile_options(-Wall -Wextra -Wpedantic -Werror $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local> -Wcast-qual -Wformat=2
                     -fno-omit-frame-pointer -g)
 
 if(ZTLIB_SANITIZE)

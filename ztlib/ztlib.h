@@ -12,6 +12,7 @@
 #include <ztlib/pthread_utils.h>
 #include <ztlib/sptrlist/sptrlist.h>
 #include <ztlib/utils/converters.h>
+#include <ztlib/xmldoc/xmldoc.h>
 #include <ztlib/zt_library.h>
 
 #include <ztlib/lists/circular_list.h>
@@ -25,5 +26,7 @@
 #include <ztlib/network/socket_listener.h>
 
 #include <ztlib/pools/threadpool/threadpool.h>
+#include <ztlib/pools/threadpool/netthreadpool.h>
+#include <ztlib/pools/threadpool/protocols/simple_xml.h>
 
 #endif

@@ -118,5 +118,111 @@ FIELD(http_document, post_params, 120);
 FIELD(http_document, body, 128);
 FIELD(http_document, body_ok, 144);
 
+SIZE(netthreadpool, 320096);
+FIELD(netthreadpool, node_lock, 0);
+FIELD(netthreadpool, free_nodes, 40);
+FIELD(netthreadpool, busy_nodes, 80040);
+FIELD(netthreadpool, start_nodes, 160040);
+FIELD(netthreadpool, node_count, 160044);
+FIELD(netthreadpool, thread_lock, 160048);
+FIELD(netthreadpool, free_threads, 160088);
+FIELD(netthreadpool, busy_threads, 240088);
+FIELD(netthreadpool, start_threads, 320088);
+FIELD(netthreadpool, thread_count, 320092);
+
+/* The library alone makes these; what stands behind the last field is its own. */
+FIELD(netthreadpool_node, index, 0);
+FIELD(netthreadpool_node, invitations, 4);
+FIELD(netthreadpool_node, mutex, 8);
+FIELD(netthreadpool_node, flags, 48);
+FIELD(netthreadpool_node, pool, 56);
+FIELD(netthreadpool_node, user_pointer, 64);
+FIELD(netthreadpool_node, read_routine, 72);
+FIELD(netthreadpool_node, write_routine, 80);
+FIELD(netthreadpool_node, release_routine, 88);
+
+FIELD(netthreadpool_thread, index, 0);
+FIELD(netthreadpool_thread, thread_handle, 8);
+FIELD(netthreadpool_thread, flags, 16);
+FIELD(netthreadpool_thread, pool, 24);
+FIELD(netthreadpool_thread, mutex, 32);
+FIELD(netthreadpool_thread, condition, 72);
+FIELD(netthreadpool_thread, node, 120);
+SIZE(buffer, 16);
+FIELD(buffer, data, 0);
+FIELD(buffer, capacity, 8);
+FIELD(buffer, length, 12);
+
+SIZE(wbuffer, 24);
+FIELD(wbuffer, data, 0);
+FIELD(wbuffer, capacity, 8);
+FIELD(wbuffer, length, 16);
+
+SIZE(net_buffer, 112);
+FIELD(net_buffer, mutex, 0);
+FIELD(net_buffer, condition, 40);
+FIELD(net_buffer, data, 88);
+FIELD(net_buffer, capacity, 96);
+FIELD(net_buffer, length, 100);
+FIELD(net_buffer, flags, 104);
+SIZE(xmldoc_attr, 32);
+FIELD(xmldoc_attr, name, 0);
+FIELD(xmldoc_attr, value, 8);
+FIELD(xmldoc_attr, previous, 16);
+FIELD(xmldoc_attr, next, 24);
+
+SIZE(xmldoc_node, 72);
+FIELD(xmldoc_node, name, 0);
+FIELD(xmldoc_node, value, 8);
+FIELD(xmldoc_node, parent, 16);
+FIELD(xmldoc_node, first_child, 24);
+FIELD(xmldoc_node, last_child, 32);
+FIELD(xmldoc_node, first_attribute, 40);
+FIELD(xmldoc_node, last_attribute, 48);
+FIELD(xmldoc_node, previous_sibling, 56);
+FIELD(xmldoc_node, next_sibling, 64);
+
+SIZE(xmldoc, 16);
+FIELD(xmldoc, declaration, 0);
+FIELD(xmldoc, root, 8);
+
+SIZE(sptrlist, 104);
+FIELD(sptrlist, mutex, 0);
+FIELD(sptrlist, rwlock, 40);
+FIELD(sptrlist, list, 96);
+
+SIZE(htmldoc_option, 32);
+FIELD(htmldoc_option, name, 0);
+FIELD(htmldoc_option, value, 8);
+FIELD(htmldoc_option, next, 16);
+FIELD(htmldoc_option, prev_link, 24);
+
+SIZE(htmldoc, 168);
+FIELD(htmldoc, method, 0);
+FIELD(htmldoc, url, 40);
+FIELD(htmldoc, url_length, 48);
+FIELD(htmldoc, protocol, 50);
+FIELD(htmldoc, host, 88);
+FIELD(htmldoc, options, 96);
+FIELD(htmldoc, header_ok, 104);
+FIELD(htmldoc, get_params, 112);
+FIELD(htmldoc, post_params, 120);
+FIELD(htmldoc, input, 128);
+FIELD(htmldoc, body, 144);
+FIELD(htmldoc, body_ok, 160);
+
+SIZE(http_document, 152);
+FIELD(http_document, method, 0);
+FIELD(http_document, url, 40);
+FIELD(http_document, url_length, 48);
+FIELD(http_document, protocol, 50);
+FIELD(http_document, host, 88);
+FIELD(http_document, options, 96);
+FIELD(http_document, header_ok, 104);
+FIELD(http_document, get_params, 112);
+FIELD(http_document, post_params, 120);
+FIELD(http_document, body, 128);
+FIELD(http_document, body_ok, 144);
+
 extern int abi_records_checked;
 int abi_records_checked;
