@@ -318,9 +318,9 @@ TEST(SocketListener, CloseWhileAcceptIsPendingEndsTheThreadAndTheRecordGoesWithT
     const Leftovers leftovers;
     Host host;
     const int threads = thread_count();
-    socket_listener* listener = open_listener(host, free_port());
     const uint64_t accepts = calls_of("accept");
-    EXPECT_TRUE(eventually([&] { return calls_of("accept") >= accepts; }));
+    socket_listener* listener = open_listener(host, free_port());
+    EXPECT_TRUE(eventually([&] { return calls_of("accept") > accepts; }));
 
     socket_listener_close(listener);
     EXPECT_EQ(thread_count(), threads);
@@ -410,8 +410,8 @@ TEST(SocketListener, MayBeClosedAndWaitedForByItsCallback) {
         listener = open_listener(host, port);
         const Fd peer = connect_to(port);
         EXPECT_TRUE(eventually([&] { return host.accepted == 1; }));
-        EXPECT_TRUE(leftovers.none());
     }
+    EXPECT_TRUE(leftovers.none());
 }
 
 TEST(SocketListener, NeedsACallbackAndIgnoresNull) {

@@ -1,6 +1,7 @@
 // Real sockets on the loopback interface, for tests that are the other side of a connection.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -114,6 +115,7 @@ inline std::string receive(int fd, size_t size) {
     size_t have = 0;
     while (have < size) {
         const ssize_t got = recv(fd, text.data() + have, size - have, 0);
+        if (got < 0 && errno == EINTR) continue;
         if (got <= 0) break;
         have += static_cast<size_t>(got);
     }

@@ -293,7 +293,6 @@ void join(socket_client& c, uint8_t bit, pthread_t thread) {
 // Of all that want the connect thread's end one joins it; the others wait for that one.
 int join_connect_thread(socket_client& c, zt::Site here) {
     if (!(c.threads & kConnectThread)) return ESRCH;
-    if (pthread_equal(pthread_self(), c.connect_thread)) return EDEADLK;
 
     int result = 0;
     const bool joins = zt::exchange<uint8_t>(c.join_claimed, 1) == 0;
@@ -380,6 +379,7 @@ extern "C" int socket_client_send(socket_client* c, const void* data, unsigned n
 extern "C" int socket_client_wait(socket_client* c) {
     const zt::Site here{kModule, __func__};
     if (!c) return 0;
+    if (pthread_equal(pthread_self(), c->connect_thread)) return EDEADLK;
 
     enter_wait(*c);
     const int result = join_connect_thread(*c, here);
