@@ -3,16 +3,18 @@
 
 #include <ztlib/pthread_utils.h>
 
+#include <ztlib/base/lock.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-extern "C" void pthread_utils_mutex_lock(pthread_mutex_t* mutex) {
-    if (!mutex) return;
-    const int code = pthread_mutex_lock(mutex);
-    if (code == 0) return;
-
-    fprintf(stderr, "%s:%s pthread_mutex_lock(): %s (%d)\n", "./pthread_utils", __func__,
-            strerror(code), code);
+void zt::fatal_mutex_lock(int code) {
+    fprintf(stderr, "%s:%s pthread_mutex_lock(): %s (%d)\n", "./pthread_utils",
+            "pthread_utils_mutex_lock", strerror(code), code);
     exit(EXIT_FAILURE);
+}
+
+extern "C" void pthread_utils_mutex_lock(pthread_mutex_t* mutex) {
+    if (mutex) zt::lock_mutex(*mutex);
 }

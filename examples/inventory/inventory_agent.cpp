@@ -50,8 +50,8 @@ Document receive(const Descriptor& connection) {
         case -2:
             throw std::runtime_error("the server's answer is not XML");
         default:
-            if (errno == EAGAIN) throw std::runtime_error("the server does not answer");
-            throw std::runtime_error(errno ? strerror(errno) : "the server's answer is too long");
+            throw std::runtime_error(errno == EAGAIN ? "the server does not answer"
+                                                     : "cannot receive the server's answer");
     }
 }
 

@@ -148,6 +148,14 @@ FIELD(netthreadpool_thread, pool, 24);
 FIELD(netthreadpool_thread, mutex, 32);
 FIELD(netthreadpool_thread, condition, 72);
 FIELD(netthreadpool_thread, node, 120);
+
+FIELD(simple_xml_proto, socket, 0);
+FIELD(simple_xml_proto, node, 8);
+FIELD(simple_xml_proto, user_context, 16);
+FIELD(simple_xml_proto, input_buffer, 24);
+FIELD(simple_xml_proto, output_buffer, 136);
+FIELD(simple_xml_proto, callback, 248);
+
 SIZE(buffer, 16);
 FIELD(buffer, data, 0);
 FIELD(buffer, capacity, 8);
@@ -165,6 +173,7 @@ FIELD(net_buffer, data, 88);
 FIELD(net_buffer, capacity, 96);
 FIELD(net_buffer, length, 100);
 FIELD(net_buffer, flags, 104);
+
 SIZE(xmldoc_attr, 32);
 FIELD(xmldoc_attr, name, 0);
 FIELD(xmldoc_attr, value, 8);

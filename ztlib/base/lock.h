@@ -13,6 +13,16 @@
 
 namespace zt {
 
+// The report of pthread_utils_mutex_lock(): prints its line and ends the process with 1.
+[[noreturn]] void fatal_mutex_lock(int code);
+
+// pthread_utils_mutex_lock() without the call.
+inline void lock_mutex(pthread_mutex_t& mutex) {
+    const int code = pthread_mutex_lock(&mutex);
+    if (code != 0) [[unlikely]]
+        fatal_mutex_lock(code);
+}
+
 using FatalReport = void (*)(Site, const char* call, int code);
 
 template <FatalReport Fatal = fatal_call>
@@ -27,7 +37,7 @@ template <FatalReport Fatal>
 class BasicLock {
   public:
     BasicLock(pthread_mutex_t& mutex, Site site) : mutex_(&mutex), site_(site) {
-        pthread_utils_mutex_lock(mutex_);
+        lock_mutex(mutex);
     }
     ~BasicLock() { unlock(); }
     BasicLock(const BasicLock&) = delete;
@@ -43,7 +53,7 @@ class BasicLock {
     // Takes the mutex again after unlock().
     void relock(pthread_mutex_t& mutex) {
         mutex_ = &mutex;
-        pthread_utils_mutex_lock(mutex_);
+        lock_mutex(mutex);
     }
 
     // Leaves the mutex locked; its release is the caller's.

@@ -34,15 +34,16 @@ struct Fields {
     char* end() const { return data + length; }
 };
 
-// Gives a buffer that has no room for `more` bytes a new block. A null data that claims a capacity
-// or a length is taken at its word: the block then begins with `length` zero bytes.
+// Gives a buffer that has no room for `more` bytes a new block. Where data is null the text of the
+// length that the record claims is made of zeros.
 [[gnu::noinline]] bool grow(Fields b, size_t more, size_t most, const char* function) {
-    const size_t needed = b.length + more + 1;
-    const size_t grown = needed > b.capacity ? more + 2 * size_t{b.capacity} + 1 : b.capacity;
-    const size_t capacity = std::max(grown, needed);
+    const size_t capacity = std::max(more + 2 * size_t{b.capacity}, b.length + more) + 1;
 
-    errno = ENOMEM;
-    auto* data = capacity <= most ? static_cast<char*>(realloc(b.data, capacity)) : nullptr;
+    char* data = nullptr;
+    if (capacity <= most)
+        data = static_cast<char*>(realloc(b.data, capacity));
+    else
+        errno = ENOMEM;
     if (!data) {
         fprintf(stderr, "%s:%s realloc():%s\n", kModule, function, strerror(errno));
         return false;

@@ -155,7 +155,8 @@ auto hash_of_type(uint8_t key_type) {
     });
 }
 
-void* value_in(const hashtable& table, hashtable_entry** chain, const void* key) {
+[[gnu::always_inline]] inline void* value_in(const hashtable& table, hashtable_entry** chain,
+                                             const void* key) {
     const hashtable_entry* const entry = *find(table, chain, key);
     return entry ? entry->value : nullptr;
 }

@@ -158,7 +158,7 @@ extern "C" queue_node* queue_enqueue_l(queue* q, void* value) {
     if (!q) return nullptr;
     queue_node* const node = make_node(value);
 
-    pthread_utils_mutex_lock(&q->mutex);
+    zt::lock_mutex(q->mutex);
     if (node) post(*q, node);
     return node;
 }
@@ -173,7 +173,7 @@ extern "C" void* queue_dequeue(queue* q) {
 
 extern "C" void* queue_dequeue_l(queue* q) {
     if (!q) return nullptr;
-    pthread_utils_mutex_lock(&q->mutex);
+    zt::lock_mutex(q->mutex);
     return queue_dequeue_nl(q);
 }
 
@@ -229,7 +229,7 @@ extern "C" void* queue_peek(queue* q) {
 
 extern "C" void* queue_peek_l(queue* q) {
     if (!q) return nullptr;
-    pthread_utils_mutex_lock(&q->mutex);
+    zt::lock_mutex(q->mutex);
     return head_value(*q);
 }
 

@@ -93,10 +93,13 @@ class Parser {
     using NewNode = std::unique_ptr<Node, FreeSingle>;
 
     bool at_end() const { return cursor_ == end_; }
-    const Char* find_from_cursor(Char wanted) const { return find(cursor_, end_, wanted); }
+    // The first `wanted` from the cursor on, most often at once; null where there is none.
+    const Char* find_next(Char wanted) const {
+        return *cursor_ == wanted ? cursor_ : find(cursor_, end_, wanted);
+    }
 
     int read_tag() {
-        const Char* const start = find_from_cursor('<');
+        const Char* const start = find_next('<');
         if (!start || start + 1 == end_) return Policy::no_tag_start();
         cursor_ = start + 1;
         const int code = *cursor_ == '/' ? read_closing_tag() : read_opening_tag();
@@ -108,15 +111,26 @@ class Parser {
     int read_closing_tag() {
         if (!open_) return kNothingOpen;
         const Char* const name = cursor_ + 1;
+        const Char* const name_end = behind_equal(name, open_->name);
+        if (!name_end || *name_end != '>') return fault_of_closing_tag(name);
+        cursor_ = name_end + 1;
+        close_element();
+        return kParsed;
+    }
+
+    // Behind what is the same as `expected`, or null where it differs.
+    static const Char* behind_equal(const Char* text, const Char* expected) {
+        for (; *expected; ++expected, ++text)
+            if (*text != *expected) return nullptr;
+        return text;
+    }
+
+    // Why the tag does not close the open element.
+    Code fault_of_closing_tag(const Char* name) const {
         const Char* const tag_end = find(name, end_, Char('>'));
         if (!tag_end) return kClosingTagUnended;
         if (tag_end == name) return kClosingTagEmpty;
-        if (tag_end - name > kNameLimit) return kNameTooLong;
-        if (std::basic_string_view<Char>(name, static_cast<size_t>(tag_end - name)) != open_->name)
-            return kClosingTagDiffers;
-        cursor_ = tag_end + 1;
-        close_element();
-        return kParsed;
+        return tag_end - name > kNameLimit ? kNameTooLong : kClosingTagDiffers;
     }
 
     // <name ...>text, from the name on.
@@ -135,7 +149,7 @@ class Parser {
         if (!node) return kNoMemory;
         if (const int code = read_attributes(*node); code != kParsed) return code;
 
-        const Char* const tag_end = find_from_cursor('>');
+        const Char* const tag_end = find_next('>');
         if (!tag_end) return kTagUnended;
         cursor_ = tag_end + 1;
         switch (tag_end[-1]) {
@@ -164,7 +178,7 @@ class Parser {
 
     // A node with the name that ends at the cursor.
     NewNode make_node(const Char* name) const {
-        Owned<Char> copy(duplicate(name, static_cast<size_t>(cursor_ - name)));
+        Owned<Char> copy(copy_of(name, cursor_));
         Node* const node = copy ? allocate<Node>(1) : nullptr;
         if (!node) return nullptr;
         *node = Node{};
@@ -205,38 +219,48 @@ class Parser {
         if (quote != '\'' && quote != '"') return kValueUnquoted;
         const Char* const value = ++cursor_;
         if (at_end()) return kEndAtOpeningQuote;
-        const Char* const value_end = find_from_cursor(quote);
-        if (!value_end) return kClosingQuoteMissing;
-        if (!add_attribute(node, name, name_end, value, value_end)) return kNoMemory;
+        const Run<Char> run = run_until(quote, value, end_);
+        if (!run.end) return kClosingQuoteMissing;
+        Attribute* const attribute = make_attribute(name, name_end, value, run.end);
+        if (!attribute) return kNoMemory;
+        append_attribute(node, attribute);
+        if (run.may_hold & kWhite) {
+            white_to_spaces(attribute->value);
+            squeeze_spaces(attribute->value);
+        }
 
-        cursor_ = skip_white(value_end + 1);
+        cursor_ = skip_white(run.end + 1);
         return at_end() ? kEndAfterValue : kParsed;
     }
 
-    static bool add_attribute(Node& node, const Char* name, const Char* name_end, const Char* value,
-                              const Char* value_end) {
-        Owned<Char> name_copy(duplicate(name, static_cast<size_t>(name_end - name)));
-        Owned<Char> value_copy(duplicate(value, static_cast<size_t>(value_end - value)));
+    static Attribute* make_attribute(const Char* name, const Char* name_end, const Char* value,
+                                     const Char* value_end) {
+        Owned<Char> name_copy(copy_of(name, name_end));
+        Owned<Char> value_copy(copy_of(value, value_end));
         Attribute* const attribute = name_copy && value_copy ? allocate<Attribute>(1) : nullptr;
-        if (!attribute) return false;
-        white_to_spaces(value_copy.get());
-        squeeze_spaces(value_copy.get());
+        if (!attribute) return nullptr;
+        *attribute = Attribute{};
         attribute->name = name_copy.release();
         attribute->value = value_copy.release();
-        append_attribute(node, attribute);
-        return true;
+        return attribute;
+    }
+
+    static Char* copy_of(const Char* begin, const Char* end) {
+        return duplicate(begin, static_cast<size_t>(end - begin));
     }
 
     // The text straight behind an opening tag, up to the next tag.
     int read_text(Node& node) {
         if (at_end() || *cursor_ == '<') return kParsed;
-        const Char* const text_end = find_from_cursor('<');
-        if (!text_end) return kTextUnended;
-        const auto length = static_cast<size_t>(text_end - cursor_);
-        node.value = duplicate(cursor_, length);
+        const Run<Char> run = run_until(Char('<'), cursor_, end_);
+        if (!run.end) return kTextUnended;
+        node.value = copy_of(cursor_, run.end);
         if (!node.value) return kNoMemory;
-        if (const int error = decode_entities(node.value, length)) return Policy::bad_entity(error);
-        cursor_ = text_end;
+        if (run.may_hold & kAmpersand) {
+            const int error = decode_entities(node.value, static_cast<size_t>(run.end - cursor_));
+            if (error != 0) return Policy::bad_entity(error);
+        }
+        cursor_ = run.end;
         return kParsed;
     }
 

@@ -17,19 +17,26 @@ namespace zt::xml {
 
 constexpr uint8_t kWhite = 1;
 constexpr uint8_t kEndsName = 2;
+constexpr uint8_t kAmpersand = 4;
 
 // Classes of the codes up to 255; a wider character has none. The terminator ends a name.
 constexpr auto kClasses = [] {
     std::array<uint8_t, 256> classes{};
     for (unsigned char c : {' ', '\r', '\n', '\t'}) classes[c] |= kWhite;
     for (unsigned char c : {' ', '\r', '\n', '/', '>', '=', '\0'}) classes[c] |= kEndsName;
+    classes['&'] |= kAmpersand;
     return classes;
 }();
 
 template <class Char>
-bool has_class(Char c, uint8_t wanted) {
+uint8_t classes_of(Char c) {
     const auto code = static_cast<std::make_unsigned_t<Char>>(c);
-    return (sizeof(Char) == 1 || code < kClasses.size()) && (kClasses[code] & wanted);
+    return sizeof(Char) == 1 || code < kClasses.size() ? kClasses[code] : 0;
+}
+
+template <class Char>
+bool has_class(Char c, uint8_t wanted) {
+    return classes_of(c) & wanted;
 }
 
 template <class Char>
@@ -48,6 +55,27 @@ const Char* skip_name(const Char* text) {
 template <class Char>
 const Char* find(const Char* from, const Char* end, Char wanted) {
     return std::char_traits<Char>::find(from, static_cast<size_t>(end - from), wanted);
+}
+
+// What stands in front of the first `stop`.
+template <class Char>
+struct Run {
+    const Char* end;       // where the stop is; null where there is none
+    uint8_t may_hold = 0;  // classes that may occur in front of it; the others do not
+};
+
+// Most runs are short: they are looked at here, with the classes on the way, and only what is left
+// of a long one is searched, of which the classes are not told.
+template <class Char>
+Run<Char> run_until(Char stop, const Char* from, const Char* end) {
+    constexpr ptrdiff_t kShort = 48;
+    const Char* const near = from + std::min(end - from, kShort);
+    uint8_t classes = 0;
+    for (; from != near; ++from) {
+        if (*from == stop) return {from, classes};
+        classes |= classes_of(*from);
+    }
+    return {find(from, end, stop), UINT8_MAX};
 }
 
 // --- shifting and normalisation -----------------------------------------------------------------
@@ -119,8 +147,12 @@ Entity<Char> read_entity(const Char* mark, const Char* end) {
     const Char* const semicolon = find(body, body + in_reach, Char(';'));
     if (!semicolon) return {find(body, end, Char(';')) ? kEntityTooLong : kEntityUnended, 0, 0};
 
+    const auto body_starts_with = [&](std::string_view name) {
+        return static_cast<size_t>(semicolon - body) >= name.size() &&
+               std::equal(name.begin(), name.end(), body);
+    };
     for (const NamedEntity& named : kNamedEntities)
-        if (std::equal(named.name.begin(), named.name.end(), body))
+        if (body_starts_with(named.name))
             return {0, 1 + named.name.size() + 1, Char(named.character)};
     if (*body == '#') {
         const long number = body[1] == 'x' ? read_number(body + 2, 16) : read_number(body + 1, 10);

@@ -45,20 +45,42 @@ void free_single(Node* node) {
     free(node);
 }
 
+// Ask for a node, which lies in two cache lines, and for what free_single() touches behind it.
+template <class Node>
+void prefetch(const Node* node) {
+    if (!node) return;
+    __builtin_prefetch(node);
+    __builtin_prefetch(&node->next_sibling);
+}
+template <class Node>
+void prefetch_owned(const Node& node) {
+    __builtin_prefetch(node.name);
+    __builtin_prefetch(node.value);
+    __builtin_prefetch(node.first_attribute);
+}
+
 // Frees `top` and all below it, with no memory of its own: the list of what is left to free runs
 // through the sibling links, and each node's children are put in front of it.
+//
+// A large tree is not in the cache, so a node is freed one step later than it is reached, while
+// what it owns and the next node are on their way.
 template <class Node>
 void free_tree(Node* top) {
     top->next_sibling = nullptr;
+    Node* reached_before = nullptr;
     for (Node* node = top; node;) {
         Node* next = node->next_sibling;
         if (node->first_child) {
             node->last_child->next_sibling = next;
             next = node->first_child;
         }
-        free_single(node);
+        prefetch(next);
+        prefetch_owned(*node);
+        if (reached_before) free_single(reached_before);
+        reached_before = node;
         node = next;
     }
+    free_single(reached_before);
 }
 
 // The nodes from the top down to where a walk is. Shallow trees need no memory.

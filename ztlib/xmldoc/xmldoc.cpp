@@ -1,13 +1,14 @@
 // The narrow XML document: records, look-ups, the parser's instance for char, and the writer.
 //
 // Parser, in-place text steps and tree walks are templates shared with the wide document
-// (xml_parser.hpp, xml_text.hpp, xml_tree.hpp). What is here alone is the writer: one walk that
-// appends pieces to the caller's byte buffer.
+// (xml_parser.hpp, xml_text.hpp, xml_tree.hpp, xml_dump.hpp). What is here alone is the writer: one
+// walk that appends pieces to the caller's byte buffer.
 
 #include <ztlib/xmldoc/xmldoc.h>
 
 #include <ztlib/base/failure.h>
 #include <ztlib/base/memory.h>
+#include <ztlib/xmldoc/xml_dump.hpp>
 #include <ztlib/xmldoc/xml_parser.hpp>
 #include <ztlib/xmldoc/xml_text.hpp>
 #include <ztlib/xmldoc/xml_tree.hpp>
@@ -17,6 +18,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -29,7 +31,7 @@ constexpr const char* kModule = "./xmldoc/xmldoc";
 
 constexpr size_t kFormatRoom = 1500;  // of one formatted piece, its terminator included
 constexpr size_t kPieceLimit = kFormatRoom - 1;
-constexpr uint64_t kGrowthSlack = 750;
+constexpr size_t kGrowthSlack = 750;
 constexpr int kLineRoom = 1500;  // of one read from a file, terminator included
 
 struct Narrow {
@@ -60,54 +62,107 @@ bool same(const char* a, const char* b) { return a && strcmp(a, b) == 0; }
 
 std::string_view text_of(const char* text) { return text ? std::string_view(text) : ""; }
 
-// A byte buffer that a caller gave by its three fields.
+// The parts of a piece of text: marks of a known length, and texts.
+template <size_t Size>
+constexpr size_t length_of(const char (&)[Size]) {
+    return Size - 1;
+}
+size_t length_of(std::string_view text) { return text.size(); }
+
+template <size_t Size>
+char* copy_to(char* to, const char (&mark)[Size]) {
+    memcpy(to, mark, Size - 1);
+    return to + Size - 1;
+}
+char* copy_to(char* to, std::string_view text) {
+    memcpy(to, text.data(), text.size());
+    return to + text.size();
+}
+
+// The byte buffer whose three fields a caller gave. They are worked on here and stored back at the
+// end of the scope.
 class Output {
   public:
     Output(char** data, unsigned* capacity, unsigned* length)
-        : data_(*data), capacity_(*capacity), length_(*length) {}
+        : data_(*data),
+          capacity_(*capacity),
+          length_(*length),
+          data_field_(data),
+          capacity_field_(capacity),
+          length_field_(length) {}
+    ~Output() {
+        *data_field_ = data_;
+        *capacity_field_ = static_cast<unsigned>(capacity_);
+        *length_field_ = static_cast<unsigned>(length_);
+    }
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
 
-    // Appends the parts as one piece, cut at `limit`, and no terminator. False when memory is out.
-    template <class... Parts>
-    bool put(size_t limit, const Parts&... parts) {
-        const size_t size = (parts.size() + ...);
-        if (!make_room(std::min(size, limit))) return false;
-        size_t left = limit;
-        (copy(parts, left), ...);
+    // Appends the text. False when memory is out.
+    bool put(std::string_view text) {
+        if (!make_room(text.size())) return false;
+        copy_to(data_ + length_, text);
+        length_ += text.size();
         return true;
     }
 
-    void cut_at(unsigned length) { length_ = length; }
+    // Appends the parts as one formatted piece, which is cut at its limit. False when memory is
+    // out.
+    template <class... Parts>
+    bool put_piece(const Parts&... parts) {
+        const size_t size = (length_of(parts) + ...);
+        if (size > kPieceLimit) [[unlikely]]
+            return put_cut({std::string_view(parts)...});
+        if (!make_room(size)) return false;
+        char* to = data_ + length_;
+        ((to = copy_to(to, parts)), ...);
+        length_ += size;
+        return true;
+    }
+
+    // Takes back what came behind the first `length` bytes.
+    void cut_at(size_t length) { length_ = length; }
+
     void terminate() {
         if (data_ && length_ < capacity_) data_[length_] = 0;
     }
 
   private:
+    bool put_cut(std::initializer_list<std::string_view> parts) {
+        size_t left = kPieceLimit;
+        for (const std::string_view part : parts) {
+            const std::string_view kept = part.substr(0, left);
+            if (!put(kept)) return false;
+            left -= kept.size();
+        }
+        return true;
+    }
+
     // Room for `count` more bytes and a terminator.
     bool make_room(size_t count) {
-        const uint64_t needed = uint64_t{length_} + count;
-        if (needed < capacity_ && data_) [[likely]]
+        if (length_ + count < capacity_ && data_) [[likely]]
             return true;
+        return grow(length_ + count);
+    }
+
+    bool grow(size_t length) {
         if (!data_ && length_ != 0) return false;  // a length without bytes
-        uint64_t capacity = capacity_;
-        while (needed >= capacity) capacity = (capacity + kGrowthSlack) * 2;
+        size_t capacity = capacity_;
+        while (length >= capacity) capacity = (capacity + kGrowthSlack) * 2;
         if (capacity > UINT32_MAX) return false;
         char* const larger = static_cast<char*>(realloc(data_, capacity));
         if (!larger) return false;
         data_ = larger;
-        capacity_ = static_cast<unsigned>(capacity);
+        capacity_ = capacity;
         return true;
     }
 
-    void copy(std::string_view part, size_t& left) {
-        const size_t count = std::min(part.size(), left);
-        memcpy(data_ + length_, part.data(), count);
-        length_ += static_cast<unsigned>(count);
-        left -= count;
-    }
-
-    char*& data_;
-    unsigned& capacity_;
-    unsigned& length_;
+    char* data_;
+    size_t capacity_;
+    size_t length_;
+    char** const data_field_;
+    unsigned* const capacity_field_;
+    unsigned* const length_field_;
 };
 
 // The writer's side of the walk.
@@ -116,58 +171,23 @@ class Writer {
     explicit Writer(Output& output) : output_(output) {}
 
     bool declaration(const xmldoc_node& node) {
-        return put("<?xml") && attributes(node) && put("?>\r\n");
+        return output_.put_piece("<?xml") && attributes(node) && output_.put_piece("?>\r\n");
     }
     bool open(const xmldoc_node& node) {
-        return put("<", text_of(node.name)) && attributes(node) && put(">") &&
-               output_.put(SIZE_MAX, text_of(node.value));
+        return output_.put_piece("<", text_of(node.name)) && attributes(node) &&
+               output_.put_piece(">") && output_.put(text_of(node.value));
     }
-    bool close(const xmldoc_node& node) { return put("</", text_of(node.name), ">"); }
+    bool close(const xmldoc_node& node) { return output_.put_piece("</", text_of(node.name), ">"); }
 
   private:
     bool attributes(const xmldoc_node& node) {
         for (const xmldoc_attr* a = node.first_attribute; a; a = a->next)
-            if (!put(" ", text_of(a->name), "=\"", text_of(a->value), "\"")) return false;
+            if (!output_.put_piece(" ", text_of(a->name), "=\"", text_of(a->value), "\""))
+                return false;
         return true;
-    }
-
-    // One formatted piece.
-    template <class... Parts>
-    bool put(const Parts&... parts) {
-        return output_.put(kPieceLimit, std::string_view(parts)...);
     }
 
     Output& output_;
-};
-
-// The dump's side of the walk. What the stream refuses is not missed here: its owner asks ferror().
-class Dumper {
-  public:
-    explicit Dumper(FILE* stream) : stream_(stream) {}
-
-    bool open(const xmldoc_node& node) {
-        put("<", node.name);
-        for (const xmldoc_attr* a = node.first_attribute; a; a = a->next) {
-            put(" ", a->name);
-            put("=\"", a->value);
-            put("\"");
-        }
-        put(">", node.value);
-        return true;
-    }
-    bool close(const xmldoc_node& node) {
-        put("</", node.name);
-        put(">");
-        return true;
-    }
-
-  private:
-    void put(const char* mark, const char* text = nullptr) {
-        fputs(mark, stream_);
-        if (text) fputs(text, stream_);
-    }
-
-    FILE* stream_;
 };
 
 // False, with the node as it was, when memory is out.
@@ -365,8 +385,7 @@ extern "C" void xmldoc_node_dump(const xmldoc_node* node) {
 
 extern "C" void _xmldoc_node_dump_fd(const xmldoc_node* node, FILE* stream, unsigned /*depth*/) {
     if (!node || !stream) return;
-    Dumper dumper(stream);
-    zt::xml::walk(*node, dumper);
+    zt::xml::dump(*node, stream);
 }
 
 extern "C" const char* _xmldoc_skip_white(const char* text) {
@@ -397,7 +416,7 @@ extern "C" int _xmldoc_buffer_append(char** data, unsigned* capacity, unsigned* 
                                      const char* text, int n) {
     if (!data || !capacity || !length || !text || n < 0) return -1;
     Output output(data, capacity, length);
-    if (!output.put(SIZE_MAX, std::string_view(text, static_cast<size_t>(n)))) return -1;
+    if (!output.put({text, static_cast<size_t>(n)})) return -1;
     output.terminate();
     return 0;
 }

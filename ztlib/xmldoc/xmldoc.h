@@ -163,8 +163,8 @@ char *xmldoc_node_attr_get_value(const xmldoc_node *node, const char *name);
 int xmldoc_parse(xmldoc *document, const char *text);
 
 /* A document read from a file. Returns NULL
- *   - where the file cannot be opened (logs "fopen(): <text of errno>"),
- *   - when memory is out (logs "xmldoc_create(): <text of errno>" where it was the record),
+ *   - where the file cannot be opened (logs "fopen()(): <text of errno>"),
+ *   - when memory is out (logs "xmldoc_create()(): <text of errno>" where it was the record),
  *   - where `path` is NULL.
  *
  * A file that does not parse logs "failed parse file <path>", and the result is then the address of a

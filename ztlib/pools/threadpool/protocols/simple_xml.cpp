@@ -71,14 +71,14 @@ bool render(const xmldoc& document, Bytes& text) {
 }
 
 // Appends length and payload with no other sender's bytes in between: both, or nothing.
-bool append_frame(net_buffer& buffer, const Bytes& payload) {
+bool append_frame(net_buffer& sink, const Bytes& payload) {
     const LengthField length(payload.length);
-    const bool begun = net_buffer_begin_add(&buffer, length.bytes, kLengthBytes) == 0;
-    if (begun && _net_buffer_make_room(&buffer, payload.length) == 0)
-        return net_buffer_end_add(&buffer, payload.data, payload.length) == 0;
+    const bool begun = net_buffer_begin_add(&sink, length.bytes, kLengthBytes) == 0;
+    if (begun && _net_buffer_make_room(&sink, payload.length) == 0)
+        return net_buffer_end_add(&sink, payload.data, payload.length) == 0;
 
-    if (begun) buffer.length -= kLengthBytes;
-    net_buffer_end_add(&buffer, nullptr, 0);
+    if (begun) sink.length -= kLengthBytes;
+    net_buffer_end_add(&sink, nullptr, 0);
     return false;
 }
 
@@ -174,6 +174,7 @@ class Reader {
 
     // False when the backlog is at its bound or memory is out.
     bool take_in(const char* chunk, unsigned n) {
+        consumed_ = std::min(consumed_, input_.length);  // the callback may have reset it
         if (held() + n > kMaxBacklog) {
             fprintf(stderr, "%s:%s: more than %u bytes wait to be read\n", here_.module,
                     here_.function, kMaxBacklog);
@@ -337,10 +338,10 @@ extern "C" int simple_xml_proto_send(simple_xml_proto* connection, xmldoc* docum
     return 0;
 }
 
-extern "C" int simple_xml_proto_netbuff_send(net_buffer* buffer, xmldoc* document) {
-    if (!buffer || !document) return -1;
+extern "C" int simple_xml_proto_netbuff_send(net_buffer* sink, xmldoc* document) {
+    if (!sink || !document) return -1;
     Bytes payload;
-    return render(*document, payload) && append_frame(*buffer, payload) ? 0 : -1;
+    return render(*document, payload) && append_frame(*sink, payload) ? 0 : -1;
 }
 
 extern "C" int simple_xml_proto_sock_send(int socket, xmldoc* document) {

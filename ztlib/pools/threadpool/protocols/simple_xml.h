@@ -98,7 +98,7 @@ void simple_xml_proto_destroy(simple_xml_proto *connection);
 int simple_xml_proto_send(simple_xml_proto *connection, xmldoc *document);
 
 /* Appends the document as one frame to any net buffer; no invitation. Results as above. */
-int simple_xml_proto_netbuff_send(net_buffer *buffer, xmldoc *document);
+int simple_xml_proto_netbuff_send(net_buffer *sink, xmldoc *document);
 
 /* Sends the document as one frame on a plain socket, and blocks until it is sent. SIGPIPE is blocked
  * meanwhile on the calling thread. Returns 0; -1 when a send returned 0 or failed (errno tells; a
