@@ -233,5 +233,54 @@ FIELD(http_document, post_params, 120);
 FIELD(http_document, body, 128);
 FIELD(http_document, body_ok, 144);
 
+/* Behind the last documented field follow the client's own, so only that field's place is fixed. */
+FIELD(socket_client, socket_descriptor, 0);
+FIELD(socket_client, host, 8);
+FIELD(socket_client, port, 16);
+FIELD(socket_client, running_flag, 18);
+FIELD(socket_client, receive_buffer, 24);
+FIELD(socket_client, send_buffer, 136);
+FIELD(socket_client, receive_thread, 248);
+FIELD(socket_client, send_thread, 256);
+FIELD(socket_client, connect_thread, 264);
+FIELD(socket_client, mutex, 272);
+FIELD(socket_client, condition, 312);
+FIELD(socket_client, connected_flag, 360);
+FIELD(socket_client, parked_count, 361);
+FIELD(socket_client, last_error, 364);
+FIELD(socket_client, user_data, 368);
+FIELD(socket_client, on_disconnect, 376);
+FIELD(socket_client, on_connect, 384);
+FIELD(socket_client, on_receive, 392);
+FIELD(socket_client, on_process, 400);
+
+/* These three end with private fields too. */
+FIELD(threadpool, count, 0);
+FIELD(threadpool, mutex, 8);
+FIELD(threadpool, incoming, 48);
+FIELD(threadpool, threads, 192);
+
+FIELD(threadpool_thread, incoming_thread, 0);
+FIELD(threadpool_thread, read_thread, 8);
+FIELD(threadpool_thread, process_thread, 16);
+FIELD(threadpool_thread, id, 24);
+FIELD(threadpool_thread, running, 28);
+FIELD(threadpool_thread, mutex, 32);
+FIELD(threadpool_thread, processing, 72);
+FIELD(threadpool_thread, wake, 216);
+FIELD(threadpool_thread, nodes, 248);
+FIELD(threadpool_thread, pool, 256);
+
+FIELD(threadpool_node, fd, 0);
+FIELD(threadpool_node, must_exit, 4);
+FIELD(threadpool_node, read_cb, 8);
+FIELD(threadpool_node, data_cb, 16);
+FIELD(threadpool_node, process_cb, 24);
+FIELD(threadpool_node, add_cb, 32);
+FIELD(threadpool_node, remove_cb, 40);
+FIELD(threadpool_node, worker, 48);
+FIELD(threadpool_node, mutex, 56);
+FIELD(threadpool_node, user, 96);
+
 extern int abi_records_checked;
 int abi_records_checked;
