@@ -62,6 +62,7 @@ FIELD(hashtable_entry, value, 8);
 FIELD(hashtable_entry, next, 16);
 FIELD(hashtable_entry, newer, 24);
 FIELD(hashtable_entry, older, 32);
+
 SIZE(buffer, 16);
 FIELD(buffer, data, 0);
 FIELD(buffer, capacity, 8);
@@ -156,24 +157,6 @@ FIELD(simple_xml_proto, input_buffer, 24);
 FIELD(simple_xml_proto, output_buffer, 136);
 FIELD(simple_xml_proto, callback, 248);
 
-SIZE(buffer, 16);
-FIELD(buffer, data, 0);
-FIELD(buffer, capacity, 8);
-FIELD(buffer, length, 12);
-
-SIZE(wbuffer, 24);
-FIELD(wbuffer, data, 0);
-FIELD(wbuffer, capacity, 8);
-FIELD(wbuffer, length, 16);
-
-SIZE(net_buffer, 112);
-FIELD(net_buffer, mutex, 0);
-FIELD(net_buffer, condition, 40);
-FIELD(net_buffer, data, 88);
-FIELD(net_buffer, capacity, 96);
-FIELD(net_buffer, length, 100);
-FIELD(net_buffer, flags, 104);
-
 SIZE(xmldoc_attr, 32);
 FIELD(xmldoc_attr, name, 0);
 FIELD(xmldoc_attr, value, 8);
@@ -194,44 +177,6 @@ FIELD(xmldoc_node, next_sibling, 64);
 SIZE(xmldoc, 16);
 FIELD(xmldoc, declaration, 0);
 FIELD(xmldoc, root, 8);
-
-SIZE(sptrlist, 104);
-FIELD(sptrlist, mutex, 0);
-FIELD(sptrlist, rwlock, 40);
-FIELD(sptrlist, list, 96);
-
-SIZE(htmldoc_option, 32);
-FIELD(htmldoc_option, name, 0);
-FIELD(htmldoc_option, value, 8);
-FIELD(htmldoc_option, next, 16);
-FIELD(htmldoc_option, prev_link, 24);
-
-SIZE(htmldoc, 168);
-FIELD(htmldoc, method, 0);
-FIELD(htmldoc, url, 40);
-FIELD(htmldoc, url_length, 48);
-FIELD(htmldoc, protocol, 50);
-FIELD(htmldoc, host, 88);
-FIELD(htmldoc, options, 96);
-FIELD(htmldoc, header_ok, 104);
-FIELD(htmldoc, get_params, 112);
-FIELD(htmldoc, post_params, 120);
-FIELD(htmldoc, input, 128);
-FIELD(htmldoc, body, 144);
-FIELD(htmldoc, body_ok, 160);
-
-SIZE(http_document, 152);
-FIELD(http_document, method, 0);
-FIELD(http_document, url, 40);
-FIELD(http_document, url_length, 48);
-FIELD(http_document, protocol, 50);
-FIELD(http_document, host, 88);
-FIELD(http_document, options, 96);
-FIELD(http_document, header_ok, 104);
-FIELD(http_document, get_params, 112);
-FIELD(http_document, post_params, 120);
-FIELD(http_document, body, 128);
-FIELD(http_document, body_ok, 144);
 
 /* Behind the last documented field follow the client's own, so only that field's place is fixed. */
 FIELD(socket_client, socket_descriptor, 0);
