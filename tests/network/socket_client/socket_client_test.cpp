@@ -143,8 +143,9 @@ TEST(SocketClient, ShowsItsStateToItsCallbacks) {
     };
     std::vector<State> states;
     const auto note = [&](socket_client* c) {
-        states.push_back({c->socket_descriptor, c->connected_flag, c->parked_count, c->running_flag,
-                          c->last_error, c->host, c->port});
+        states.push_back({c->socket_descriptor, c->connected_flag, c->parked_count,
+                          __atomic_load_n(&c->running_flag, __ATOMIC_ACQUIRE), c->last_error,
+                          c->host, c->port});
     };
     host.on_connect = note;
     host.on_disconnect = note;
