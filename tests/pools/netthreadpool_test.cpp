@@ -105,6 +105,17 @@ uint32_t invitations_of(netthreadpool_node* node) {
     return invitations;
 }
 
+// A joined thread may stay listed for a moment.
+bool has_threads(int count) {
+    return eventually([=] { return thread_count() == count; }, std::chrono::seconds(5));
+}
+
+// A sanitizer's own thread comes with the first one that is started: before any test counts.
+[[maybe_unused]] const int first_thread = [] {
+    std::thread([] {}).join();
+    return 0;
+}();
+
 // A started pool, ended with everything in it.
 struct Pool {
     netthreadpool* pool = netthreadpool_create();
@@ -147,7 +158,7 @@ TEST(NetThreadPool, StartsFiveOfEachAndCountsTen) {
 
     const int threads = thread_count();
     EXPECT_EQ(netthreadpool_start(pool), 0);
-    EXPECT_EQ(thread_count(), threads + 5);
+    EXPECT_TRUE(has_threads(threads + 5));
     for (uint32_t i = 0; i < 5; ++i) {
         ASSERT_NE(pool->free_nodes[i], nullptr);
         EXPECT_EQ(pool->free_nodes[i]->index, i);
@@ -164,7 +175,7 @@ TEST(NetThreadPool, StartsFiveOfEachAndCountsTen) {
     EXPECT_EQ(pool->node_count, 10u);
     EXPECT_EQ(pool->thread_count, 10u);
     netthreadpool_free(pool, 1);
-    EXPECT_EQ(thread_count(), threads);
+    EXPECT_TRUE(has_threads(threads));
 }
 
 TEST(NetThreadPool, IsFreedOnlyWhenBothArgumentsAreGiven) {
@@ -204,10 +215,10 @@ TEST(NetThreadPool, DoesNotStartWhenMemoryIsOutAndStartsLater) {
         round.disarm();
         EXPECT_EQ(result, round.hit() ? -1 : 0);
         if (round.hit()) {
-            EXPECT_EQ(thread_count(), threads);
+            EXPECT_TRUE(has_threads(threads));
             EXPECT_EQ(netthreadpool_start(pool), 0);
         }
-        EXPECT_EQ(thread_count(), threads + 5);
+        EXPECT_TRUE(has_threads(threads + 5));
         netthreadpool_free(pool, 1);
     }
 }
@@ -221,7 +232,7 @@ TEST(NetThreadPool, StopsTheThreadsItHadWhenOneCannotBeStarted) {
         EXPECT_EQ(netthreadpool_start(pool), -1);
         EXPECT_TRUE(fault.hit());
     }
-    EXPECT_EQ(thread_count(), threads);
+    EXPECT_TRUE(has_threads(threads));
     for (netthreadpool_thread* thread : pool->free_threads) EXPECT_EQ(thread, nullptr);
     EXPECT_THAT(log.lines(), ElementsAre("WARN:netthreadpool:netthreadpool_thread_create: "
                                          "pthread_create(): Resource temporarily unavailable"));
@@ -234,7 +245,7 @@ TEST(NetThreadPool, StartedTwiceKeepsWhatItHas) {
     const int threads = thread_count();
     EXPECT_EQ(netthreadpool_start(pool.pool), 0);
     EXPECT_EQ(pool->free_nodes[3], node);
-    EXPECT_EQ(thread_count(), threads);
+    EXPECT_TRUE(has_threads(threads));
 }
 
 TEST(NetThreadPool, NeverDereferencesNull) {
@@ -694,12 +705,12 @@ TEST(NetThreadPool, ServesAThreadOfTheHostsOwnMaking) {
     netthreadpool_thread* thread = netthreadpool_thread_create(pool.pool, 7);
     ASSERT_NE(thread, nullptr);
     EXPECT_EQ(thread->index, 7u);
-    EXPECT_EQ(thread_count(), threads + 1);
+    EXPECT_TRUE(has_threads(threads + 1));
     pthread_mutex_lock(&pool->thread_lock);
     pool->free_threads[7] = thread;  // below the count, so that a stop finds it
     pthread_mutex_unlock(&pool->thread_lock);
     netthreadpool_stop(pool.pool);
-    EXPECT_EQ(thread_count(), threads - 5);
+    EXPECT_TRUE(has_threads(threads - 5));
 }
 
 TEST(NetThreadPool, RunsEveryRoutineOfManyNodesUnderManyInvitations) {
@@ -758,7 +769,7 @@ TEST(NetThreadPool, StopsIdleThreadsAndLeavesBusyOnes) {
     EXPECT_TRUE(eventually([&] { return connection.reads == 1; }));
 
     netthreadpool_stop(pool.pool);
-    EXPECT_EQ(thread_count(), threads + 1);
+    EXPECT_TRUE(has_threads(threads + 1));
     EXPECT_EQ(pool.idle_threads(), 0u);
     EXPECT_EQ(pool.busy_threads(), 1u);
     EXPECT_EQ(connection.releases, 0);
@@ -766,7 +777,7 @@ TEST(NetThreadPool, StopsIdleThreadsAndLeavesBusyOnes) {
     gate.open();
     EXPECT_TRUE(eventually([&] { return pool.idle_threads() == 1; }));
     netthreadpool_stop(pool.pool);
-    EXPECT_EQ(thread_count(), threads);
+    EXPECT_TRUE(has_threads(threads));
     EXPECT_EQ(pool.idle_nodes(), 5u);
 }
 
@@ -782,7 +793,7 @@ TEST(NetThreadPool, LeavesNoThreadAliveWhenItIsStoppedAfterTheLastRelease) {
         for (Connection& connection : connections)
             while (!connection.released()) std::this_thread::yield();
         netthreadpool_stop(pool.pool);
-        ASSERT_EQ(thread_count(), threads);
+        ASSERT_TRUE(has_threads(threads));
     }
 }
 
@@ -801,7 +812,7 @@ TEST(NetThreadPool, WaitsInAStopForAReleaseRoutineThatRuns) {
     netthreadpool_stop(pool.pool);
     EXPECT_EQ(connection.releases, 1);
     opener.join();
-    EXPECT_EQ(thread_count(), threads);
+    EXPECT_TRUE(has_threads(threads));
 }
 
 TEST(NetThreadPool, CanBeStoppedFromAReleaseRoutine) {
@@ -812,7 +823,7 @@ TEST(NetThreadPool, CanBeStoppedFromAReleaseRoutine) {
     netthreadpool_invite_write(pool.node_for(connection));
     EXPECT_TRUE(eventually([&] { return connection.released(); }));
     EXPECT_TRUE(eventually([&] { return pool.idle_threads() == 1; }));
-    EXPECT_EQ(thread_count(), threads + 1);
+    EXPECT_TRUE(has_threads(threads + 1));
 }
 
 TEST(NetThreadPool, WaitsForConnectionsThatTheHostDidNotEndBeforeItIsFreed) {
@@ -844,7 +855,7 @@ TEST(NetThreadPool, WaitsForConnectionsThatTheHostDidNotEndBeforeItIsFreed) {
         EXPECT_EQ(connection.writes, 20);
         EXPECT_EQ(connection.releases, 1);
     }
-    EXPECT_EQ(thread_count(), threads);
+    EXPECT_TRUE(has_threads(threads));
     EXPECT_EQ(live_allocations(), live);
 }
 
@@ -979,6 +990,6 @@ TEST(NetThreadPool, PrintsAMutexThatCannotBeDestroyedAndGoesOn) {
         errno = ENOENT;
         netthreadpool_stop(pool.pool);
         EXPECT_EQ(err.take(), line("netthreadpool_stop", "pthread_mutex_destroy", EBUSY));
-        EXPECT_EQ(thread_count(), threads - 5);
+        EXPECT_TRUE(has_threads(threads - 5));
     }
 }

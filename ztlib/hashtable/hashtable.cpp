@@ -309,12 +309,12 @@ extern "C" int hashtable_init(hashtable* table, uint64_t size, uint8_t key_type)
     const zt::Site here{kModule, __func__};
 
     if (!table || size == 0) return -1;
-    void* const buckets = calloc(size, sizeof(hashtable_entry*));
+    hashtable_entry** const buckets = zt::allocate_zeroed<hashtable_entry*>(size);
     if (!buckets) {
         zt::report_call(here, "calloc");
         return -1;
     }
-    table->buckets = static_cast<hashtable_entry**>(buckets);
+    table->buckets = buckets;
     table->size = size;
     table->key_type = key_type;
     table->hash = hash_of_type(key_type);

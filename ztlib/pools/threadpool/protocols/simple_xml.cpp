@@ -130,11 +130,12 @@ class EndedAt {
     char byte_;
 };
 
-// Drops the first `count` bytes once they are at least half of all, so that fewer bytes move than
-// go. The caller holds the buffer's mutex.
-void drop_front(net_buffer& buffer, unsigned& count) {
-    if (count == 0 || count < buffer.length - count) return;
-    _net_buffer_remove(&buffer, count);
+// Drops the first `count` bytes once they are at least half of all, so that no more bytes move than
+// go. The caller holds the buffer's mutex. (A host that reset the buffer has dropped them already.)
+void drop_front(net_buffer& queued, unsigned& count) {
+    count = std::min(count, queued.length);
+    if (count == 0 || count < queued.length - count) return;
+    _net_buffer_remove(&queued, count);
     count = 0;
 }
 
