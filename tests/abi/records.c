@@ -63,6 +63,62 @@ FIELD(hashtable_entry, next, 16);
 FIELD(hashtable_entry, newer, 24);
 FIELD(hashtable_entry, older, 32);
 
+SIZE(buffer, 16);
+FIELD(buffer, data, 0);
+FIELD(buffer, capacity, 8);
+FIELD(buffer, length, 12);
+
+SIZE(wbuffer, 24);
+FIELD(wbuffer, data, 0);
+FIELD(wbuffer, capacity, 8);
+FIELD(wbuffer, length, 16);
+
+SIZE(net_buffer, 112);
+FIELD(net_buffer, mutex, 0);
+FIELD(net_buffer, condition, 40);
+FIELD(net_buffer, data, 88);
+FIELD(net_buffer, capacity, 96);
+FIELD(net_buffer, length, 100);
+FIELD(net_buffer, flags, 104);
+
+SIZE(sptrlist, 104);
+FIELD(sptrlist, mutex, 0);
+FIELD(sptrlist, rwlock, 40);
+FIELD(sptrlist, list, 96);
+
+SIZE(htmldoc_option, 32);
+FIELD(htmldoc_option, name, 0);
+FIELD(htmldoc_option, value, 8);
+FIELD(htmldoc_option, next, 16);
+FIELD(htmldoc_option, prev_link, 24);
+
+SIZE(htmldoc, 168);
+FIELD(htmldoc, method, 0);
+FIELD(htmldoc, url, 40);
+FIELD(htmldoc, url_length, 48);
+FIELD(htmldoc, protocol, 50);
+FIELD(htmldoc, host, 88);
+FIELD(htmldoc, options, 96);
+FIELD(htmldoc, header_ok, 104);
+FIELD(htmldoc, get_params, 112);
+FIELD(htmldoc, post_params, 120);
+FIELD(htmldoc, input, 128);
+FIELD(htmldoc, body, 144);
+FIELD(htmldoc, body_ok, 160);
+
+SIZE(http_document, 152);
+FIELD(http_document, method, 0);
+FIELD(http_document, url, 40);
+FIELD(http_document, url_length, 48);
+FIELD(http_document, protocol, 50);
+FIELD(http_document, host, 88);
+FIELD(http_document, options, 96);
+FIELD(http_document, header_ok, 104);
+FIELD(http_document, get_params, 112);
+FIELD(http_document, post_params, 120);
+FIELD(http_document, body, 128);
+FIELD(http_document, body_ok, 144);
+
 SIZE(netthreadpool, 320096);
 FIELD(netthreadpool, node_lock, 0);
 FIELD(netthreadpool, free_nodes, 40);
@@ -101,24 +157,6 @@ FIELD(simple_xml_proto, input_buffer, 24);
 FIELD(simple_xml_proto, output_buffer, 136);
 FIELD(simple_xml_proto, callback, 248);
 
-SIZE(buffer, 16);
-FIELD(buffer, data, 0);
-FIELD(buffer, capacity, 8);
-FIELD(buffer, length, 12);
-
-SIZE(wbuffer, 24);
-FIELD(wbuffer, data, 0);
-FIELD(wbuffer, capacity, 8);
-FIELD(wbuffer, length, 16);
-
-SIZE(net_buffer, 112);
-FIELD(net_buffer, mutex, 0);
-FIELD(net_buffer, condition, 40);
-FIELD(net_buffer, data, 88);
-FIELD(net_buffer, capacity, 96);
-FIELD(net_buffer, length, 100);
-FIELD(net_buffer, flags, 104);
-
 SIZE(xmldoc_attr, 32);
 FIELD(xmldoc_attr, name, 0);
 FIELD(xmldoc_attr, value, 8);
@@ -139,6 +177,55 @@ FIELD(xmldoc_node, next_sibling, 64);
 SIZE(xmldoc, 16);
 FIELD(xmldoc, declaration, 0);
 FIELD(xmldoc, root, 8);
+
+/* Behind the last documented field follow the client's own, so only that field's place is fixed. */
+FIELD(socket_client, socket_descriptor, 0);
+FIELD(socket_client, host, 8);
+FIELD(socket_client, port, 16);
+FIELD(socket_client, running_flag, 18);
+FIELD(socket_client, receive_buffer, 24);
+FIELD(socket_client, send_buffer, 136);
+FIELD(socket_client, receive_thread, 248);
+FIELD(socket_client, send_thread, 256);
+FIELD(socket_client, connect_thread, 264);
+FIELD(socket_client, mutex, 272);
+FIELD(socket_client, condition, 312);
+FIELD(socket_client, connected_flag, 360);
+FIELD(socket_client, parked_count, 361);
+FIELD(socket_client, last_error, 364);
+FIELD(socket_client, user_data, 368);
+FIELD(socket_client, on_disconnect, 376);
+FIELD(socket_client, on_connect, 384);
+FIELD(socket_client, on_receive, 392);
+FIELD(socket_client, on_process, 400);
+
+/* These three end with private fields too. */
+FIELD(threadpool, count, 0);
+FIELD(threadpool, mutex, 8);
+FIELD(threadpool, incoming, 48);
+FIELD(threadpool, threads, 192);
+
+FIELD(threadpool_thread, incoming_thread, 0);
+FIELD(threadpool_thread, read_thread, 8);
+FIELD(threadpool_thread, process_thread, 16);
+FIELD(threadpool_thread, id, 24);
+FIELD(threadpool_thread, running, 28);
+FIELD(threadpool_thread, mutex, 32);
+FIELD(threadpool_thread, processing, 72);
+FIELD(threadpool_thread, wake, 216);
+FIELD(threadpool_thread, nodes, 248);
+FIELD(threadpool_thread, pool, 256);
+
+FIELD(threadpool_node, fd, 0);
+FIELD(threadpool_node, must_exit, 4);
+FIELD(threadpool_node, read_cb, 8);
+FIELD(threadpool_node, data_cb, 16);
+FIELD(threadpool_node, process_cb, 24);
+FIELD(threadpool_node, add_cb, 32);
+FIELD(threadpool_node, remove_cb, 40);
+FIELD(threadpool_node, worker, 48);
+FIELD(threadpool_node, mutex, 56);
+FIELD(threadpool_node, user, 96);
 
 extern int abi_records_checked;
 int abi_records_checked;

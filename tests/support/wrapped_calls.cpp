@@ -5,6 +5,7 @@
 #include <tests/support/faults_internal.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -14,6 +15,7 @@
 
 #include <pthread.h>
 #include <semaphore.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 
