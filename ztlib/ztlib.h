@@ -5,8 +5,12 @@
 #include <ztlib/buffers/buffer.h>
 #include <ztlib/buffers/net_buffer.h>
 #include <ztlib/buffers/wbuffer.h>
+#include <ztlib/htmldoc/htmldoc.h>
+#include <ztlib/htmldoc/http.h>
 #include <ztlib/logger.h>
+#include <ztlib/network/lead4.h>
 #include <ztlib/pthread_utils.h>
+#include <ztlib/sptrlist/sptrlist.h>
 #include <ztlib/utils/converters.h>
 #include <ztlib/xmldoc/xmldoc.h>
 #include <ztlib/zt_library.h>

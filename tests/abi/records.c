@@ -140,5 +140,43 @@ SIZE(xmldoc, 16);
 FIELD(xmldoc, declaration, 0);
 FIELD(xmldoc, root, 8);
 
+SIZE(sptrlist, 104);
+FIELD(sptrlist, mutex, 0);
+FIELD(sptrlist, rwlock, 40);
+FIELD(sptrlist, list, 96);
+
+SIZE(htmldoc_option, 32);
+FIELD(htmldoc_option, name, 0);
+FIELD(htmldoc_option, value, 8);
+FIELD(htmldoc_option, next, 16);
+FIELD(htmldoc_option, prev_link, 24);
+
+SIZE(htmldoc, 168);
+FIELD(htmldoc, method, 0);
+FIELD(htmldoc, url, 40);
+FIELD(htmldoc, url_length, 48);
+FIELD(htmldoc, protocol, 50);
+FIELD(htmldoc, host, 88);
+FIELD(htmldoc, options, 96);
+FIELD(htmldoc, header_ok, 104);
+FIELD(htmldoc, get_params, 112);
+FIELD(htmldoc, post_params, 120);
+FIELD(htmldoc, input, 128);
+FIELD(htmldoc, body, 144);
+FIELD(htmldoc, body_ok, 160);
+
+SIZE(http_document, 152);
+FIELD(http_document, method, 0);
+FIELD(http_document, url, 40);
+FIELD(http_document, url_length, 48);
+FIELD(http_document, protocol, 50);
+FIELD(http_document, host, 88);
+FIELD(http_document, options, 96);
+FIELD(http_document, header_ok, 104);
+FIELD(http_document, get_params, 112);
+FIELD(http_document, post_params, 120);
+FIELD(http_document, body, 128);
+FIELD(http_document, body_ok, 144);
+
 extern int abi_records_checked;
 int abi_records_checked;
