@@ -19,8 +19,7 @@
  * All messages go to standard error, but for those of htmldoc_create(), which are logged. Where
  * memory runs out, a function returns its failure value and leaves the document as it was.
  *
- * Thread safety: a document belongs to one thread at a time; nothing is shared between documents.
- */
+ * Thread safety: a document belongs to one thread at a time; nothing is shared between documents. */
 #ifndef ZTLIB_HTMLDOC_HTMLDOC_H
 #define ZTLIB_HTMLDOC_HTMLDOC_H
 
@@ -33,58 +32,56 @@ ZT_BEGIN_DECLS
 
 /* A name and a value: a header line, a query parameter or a form parameter. */
 typedef struct htmldoc_option {
-    char* name;                  /* malloc family, owned */
-    char* value;                 /* malloc family, owned */
-    struct htmldoc_option* next; /* NULL at the end of the list */
-    struct htmldoc_option**
-        prev_link; /* the pointer that points here: a `next`, or the list's head */
+    char *name;                        /* malloc family, owned */
+    char *value;                       /* malloc family, owned */
+    struct htmldoc_option *next;       /* NULL at the end of the list */
+    struct htmldoc_option **prev_link; /* what points here: the node before's `next`, or the head */
 } htmldoc_option;
 
 enum {
-    HTMLDOC_WORD_LENGTH = 32,   /* longest method, and longest protocol */
-    HTMLDOC_URL_LENGTH = 65535, /* longest url */
-    HTMLDOC_HEADER_LENGTH =
-        1024 * 1024,               /* longest header block, without the empty line behind it */
-    HTMLDOC_ARGUMENT_LENGTH = 1499 /* longest text of one formatted body append */
+    HTMLDOC_WORD_LENGTH = 32,        /* longest method, and longest protocol */
+    HTMLDOC_URL_LENGTH = 65535,      /* longest url that is parsed */
+    HTMLDOC_HEADER_LENGTH = 1 << 20, /* longest header block, without the empty line behind it */
+    HTMLDOC_ARGUMENT_LENGTH = 1499   /* longest text of one formatted body append */
 };
 
 typedef struct htmldoc {
     char method[HTMLDOC_WORD_LENGTH + 1];
-    char* url;           /* owned where url_length is not 0 */
+    char *url;           /* owned where url_length is not 0 */
     uint16_t url_length; /* in a response to be rendered: the status code */
     char protocol[HTMLDOC_WORD_LENGTH + 1];
-    const char* host;            /* the value of the "Host" option that was parsed, or NULL */
-    htmldoc_option* options;     /* header lines */
+    const char *host;            /* the value of the "Host" option that was parsed, or NULL */
+    htmldoc_option *options;     /* header lines */
     uint8_t header_ok;           /* 1: the header block was parsed */
-    htmldoc_option* get_params;  /* query parameters of the request line */
-    htmldoc_option* post_params; /* form parameters, by htmldoc_wrap_post() */
-    buffer input;                /* bytes that were fed and are not parsed yet */
-    buffer body;
-    uint8_t body_ok; /* 1: the body is complete */
+    htmldoc_option *get_params;  /* query parameters of the request line */
+    htmldoc_option *post_params; /* form parameters, by htmldoc_wrap_post() */
+    buffer input;                /* bytes that were fed and are not parsed */
+    buffer body;                 /* what stands behind the header */
+    uint8_t body_ok;             /* 1: the body is complete */
 } htmldoc;
 
 /* --- life ------------------------------------------------------------------------------------- */
 
 /* A new empty document, or NULL when memory is out (logged as a warning). Release it with
  * htmldoc_free(d, 1). */
-htmldoc* htmldoc_create(void);
+htmldoc *htmldoc_create(void);
 
 /* Makes `d` an empty document without releasing anything. Returns 0, or -1 for NULL. */
-int htmldoc_init(htmldoc* d);
+int htmldoc_init(htmldoc *d);
 
 /* Releases all that the document owns. `free_record` above 0 releases the record too; else the
  * record is zeroed. A url whose url_length is 0, and a body whose capacity is 0, are not released.
  * Returns 0, also for NULL. */
-int htmldoc_free(htmldoc* d, int free_record);
+int htmldoc_free(htmldoc *d, int free_record);
 
 /* A copy, to be released with htmldoc_free(copy, 1), or NULL when memory is out or `d` is NULL.
  * Each list of the copy is in reverse order. Copied are method, url, the three lists, both flags
  * and the body; the protocol is empty, `host` NULL and the input empty. (The name is spelled so.)
  */
-htmldoc* htmldoc_dublicate(const htmldoc* d);
+htmldoc *htmldoc_dublicate(const htmldoc *d);
 
 /* Prints start line, options, query parameters and body on standard error. NULL is ignored. */
-void htmldoc_dump(const htmldoc* d);
+void htmldoc_dump(const htmldoc *d);
 
 /* --- taking text in --------------------------------------------------------------------------- */
 
@@ -112,13 +109,13 @@ void htmldoc_dump(const htmldoc* d);
  * What was understood before it is kept, the input too, and later calls fail as well. So do a block
  * above HTMLDOC_HEADER_LENGTH bytes and a url above HTMLDOC_URL_LENGTH. When memory is out, -1 with
  * the document as it was: the same bytes can be fed again. */
-int htmldoc_wrap(htmldoc* d, const char* data, int len);
+int htmldoc_wrap(htmldoc *d, const char *data, int len);
 
 /* Takes the output of a CGI program: header lines without a start line, an empty line, and the
  * body, which is all that follows. The caller passes the whole text each time. Returns 1 while the
  * empty line is missing, 0 when the text was taken, -1 on a failure. As in htmldoc_wrap(), but for
  * lines without ':', which are skipped. */
-int htmldoc_wrap_cgi(htmldoc* d, const char* text, int len);
+int htmldoc_wrap_cgi(htmldoc *d, const char *text, int len);
 
 /* Splits a complete urlencoded body into post_params, each put in front of the list. The body is
  * split in place: the '&' behind each piece becomes a zero byte.
@@ -130,7 +127,7 @@ int htmldoc_wrap_cgi(htmldoc* d, const char* text, int len);
  *
  * Returns 0; -1 when header or body is not complete, a piece has no '=' (said on standard error;
  * the parameters made so far are kept), or memory is out (nothing is kept). */
-int htmldoc_wrap_post(htmldoc* d);
+int htmldoc_wrap_post(htmldoc *d);
 
 /* --- building and rendering ------------------------------------------------------------------- */
 
@@ -140,21 +137,21 @@ enum { HTMLDOC_GET = 1, HTMLDOC_POST = 2, HTMLDOC_HTTP_1_0 = 16, HTMLDOC_HTTP_1_
 /* Fills the start line: a copy of `url`, and method and protocol as `flags` say (what they don't
  * name stays). The url that was there is not released. Does nothing when an argument is NULL or
  * memory is out. Of a url above 65,535 bytes url_length holds the low 16 bits. */
-void htmldoc_init_proto(htmldoc* d, const char* url, int flags);
+void htmldoc_init_proto(htmldoc *d, const char *url, int flags);
 
 /* Appends `n` bytes to the body, and a terminator. A body that is too small grows to
  * (n + capacity) * 2 bytes.
  * Returns 0, or -1 when memory is out ("realloc(): <text of errno>"), an argument is NULL or `n` is
  * negative. Nothing appended to an empty body changes nothing. */
-int htmldoc_body_append(htmldoc* d, const void* data, int n);
+int htmldoc_body_append(htmldoc *d, const void *data, int n);
 
 /* Appends a text. Returns as above; -1 with "htmldoc_body_append_str: append null data" for NULL.
  */
-int htmldoc_body_append_str(htmldoc* d, const char* text);
+int htmldoc_body_append_str(htmldoc *d, const char *text);
 
 /* Appends a formatted text, cut at HTMLDOC_ARGUMENT_LENGTH bytes. Returns as htmldoc_body_append().
  */
-int htmldoc_body_append_arg(htmldoc* d, const char* format, ...) ZT_PRINTF_LIKE(2, 3);
+int htmldoc_body_append_arg(htmldoc *d, const char *format, ...) ZT_PRINTF_LIKE(2, 3);
 
 /* Appends the document as HTTP text to the byte buffer of these three fields: start line, one line
  * "name: value" for each option, an empty line, and the body where its capacity is not 0. A
@@ -162,29 +159,29 @@ int htmldoc_body_append_arg(htmldoc* d, const char* format, ...) ZT_PRINTF_LIKE(
  * Parameters are not rendered and no Content-Length is added: a caller that wants one adds it as an
  * option. Changes nothing when memory is out (buffer_make_room() says so) or an argument is NULL.
  */
-void htmldoc_unwrap(char** data, unsigned* capacity, unsigned* length, htmldoc* d, bool is_request);
+void htmldoc_unwrap(char **data, unsigned *capacity, unsigned *length, htmldoc *d, bool is_request);
 
 /* --- lists of options ------------------------------------------------------------------------- */
 
 /* Appends copies of name and value to the list. Returns the new node, or NULL when memory is out or
  * an argument is NULL. */
-htmldoc_option* htmldoc_add_option(htmldoc_option** head, const char* name, const char* value);
+htmldoc_option *htmldoc_add_option(htmldoc_option **head, const char *name, const char *value);
 
 /* The first node whose name is exactly `name`, or NULL. */
-htmldoc_option* htmldoc_get_option(htmldoc_option** head, const char* name);
+htmldoc_option *htmldoc_get_option(htmldoc_option **head, const char *name);
 
 /* That node's value (the list's), or NULL. */
-char* htmldoc_getvalue_option(htmldoc_option** head, const char* name);
+char *htmldoc_getvalue_option(htmldoc_option **head, const char *name);
 
 /* 1 when the request line had query parameters, else 0. */
-int htmldoc_have_get_params(htmldoc* d);
+int htmldoc_have_get_params(htmldoc *d);
 
 /* Writes "name=value&name=value" into the `size` bytes of `out`, cut at size - 1 characters; the
  * rest of `out` is zeroed. Nothing is encoded. Returns the number of characters written. */
-int htmldoc_params_to_qry(htmldoc_option** head, char* out, int size);
+int htmldoc_params_to_qry(htmldoc_option **head, char *out, int size);
 
 /* Releases a list: names, values, nodes. The head becomes NULL. */
-void _htmldoc_options_free(htmldoc_option** head);
+void _htmldoc_options_free(htmldoc_option **head);
 
 /* --- percent-encoding ------------------------------------------------------------------------- */
 
@@ -193,19 +190,19 @@ void _htmldoc_options_free(htmldoc_option** head);
  * size + 1 bytes: an escape at the very end puts the terminator at dst[size]. Returns the number of
  * characters written, terminator not counted; -1 when a character would end beyond `size` (a plain
  * one needs a byte behind it), said on standard error. `dst` is then not terminated. */
-int _htmldoc_uri_encode(const char* src, char* dst, int size);
+int _htmldoc_uri_encode(const char *src, char *dst, int size);
 
 /* Decodes %xx; everything else, '+' too, is copied. What stands behind '%' is read as strtoul()
  * reads two characters in base 16. Returns the number of characters written, terminator not
  * counted; -1 when a character would not fit `size` bytes together with the terminator, or the text
  * ends within an escape, both said on standard error. `dst` is then not terminated. */
-int _htmldoc_uri_decode(const char* src, char* dst, int size);
+int _htmldoc_uri_decode(const char *src, char *dst, int size);
 
 /* --- reports ---------------------------------------------------------------------------------- */
 
 /* The parsers' own report: prints "htmldoc_failed: request:", the raw text, and the message on
  * standard error. Returns -1. */
-int htmldoc_failed(const char* raw, const char* format, ...) ZT_PRINTF_LIKE(2, 3);
+int htmldoc_failed(const char *raw, const char *format, ...) ZT_PRINTF_LIKE(2, 3);
 
 ZT_END_DECLS
 

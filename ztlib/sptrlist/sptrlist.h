@@ -21,8 +21,8 @@
 #ifndef ZTLIB_SPTRLIST_SPTRLIST_H
 #define ZTLIB_SPTRLIST_SPTRLIST_H
 
-#include <pthread.h>
 #include <ztlib/decls.h>
+#include <ztlib/pthread_types.h>
 
 ZT_BEGIN_DECLS
 
@@ -30,51 +30,51 @@ ZT_BEGIN_DECLS
 typedef struct sptrlist {
     pthread_mutex_t mutex;
     pthread_rwlock_t rwlock;
-    void** list; /* the slot array */
+    void **list; /* the slot array */
 } sptrlist;
 
 /* A new slot array with one empty slot (size 2), or NULL when memory is out. */
-void** sptrlist_create(void);
+void **sptrlist_create(void);
 
 /* Releases the array, not the elements. NULL is ignored. */
-void sptrlist_free(void** list);
+void sptrlist_free(void **list);
 
 /* As sptrlist_free(), after calling `release` (unless NULL) for each element in order of the slots.
  */
-void sptrlist_free_ref(void** list, void (*release)(void* element));
+void sptrlist_free_ref(void **list, void (*release)(void *element));
 
 /* Puts `element` into the first empty slot, or behind the last one: the array may then move, and
  * *list is updated.
  * Returns the element; NULL when an argument is NULL or memory is out (logged as a warning), with
  * nothing changed. */
-void* sptrlist_add(void*** list, void* element);
+void *sptrlist_add(void ***list, void *element);
 
 /* Empties the first slot for which compare(slot, key) is 0. Empty slots are compared too, as NULL.
  * Nothing is released and the array never shrinks. Does nothing for a NULL list or compare. */
-void sptrlist_remove(void** list, const void* key,
-                     int (*compare)(const void* element, const void* key));
+void sptrlist_remove(void **list, const void *key,
+                     int (*compare)(const void *element, const void *key));
 
 /* How many elements the array holds; 0 for NULL. */
-int sptrlist_count(void** list);
+int sptrlist_count(void **list);
 
 /* Prints the size and each element's index and address on standard error. */
-void sptrlist_dump(void** list);
+void sptrlist_dump(void **list);
 
 /* A compare function for sptrlist_remove(): -2 when the two pointers differ, 0 when they are the
  * same. It matches by identity: equal texts at different addresses do not match. */
-int sptrlist_cmp_string(const void* element, const void* key);
+int sptrlist_cmp_string(const void *element, const void *key);
 
 /* A new record with its locks and an empty slot array, or NULL when memory is out. Release it with
  * sptrlist_close(l, 1). */
-sptrlist* sptrlist_open(void);
+sptrlist *sptrlist_open(void);
 
 /* Makes the locks of `l`, then an empty slot array. A lock that cannot be made ends the process.
  * Returns 0, also when the array could not be allocated (`list` is then NULL); -1 for NULL. */
-int sptrlist_init(sptrlist* l);
+int sptrlist_init(sptrlist *l);
 
 /* Destroys the locks and releases the array, not the elements; `list` becomes NULL. A non-zero
  * `free_self` releases the record too. NULL is ignored. No other thread may use `l` any more. */
-void sptrlist_close(sptrlist* l, int free_self);
+void sptrlist_close(sptrlist *l, int free_self);
 
 ZT_END_DECLS
 
