@@ -1,0 +1,339 @@
+// A header block is read in three layers: its end is found, it is cut into lines, and each line is
+// understood. Nothing is copied but what the document keeps.
+//
+// A zero byte before the end hides the end for good. To know of one without remembering it, the
+// search looks back from an end that it found, but no further than to an earlier end: that one was
+// hidden, or the search would not have gone on, and then so is this one. All looks together
+// therefore cost no more than the bytes received.
+
+#include <ztlib/htmldoc/message_parser.hpp>
+
+#include <ztlib/base/memory.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+
+namespace zt::http {
+
+namespace {
+
+constexpr std::string_view kBlockEnd = "\r\n\r\n";
+constexpr auto npos = std::string_view::npos;
+
+// --- refusals
+// -------------------------------------------------------------------------------------
+
+// Says why a text is refused, under the family's name and behind the text itself.
+class Refusal {
+  public:
+    Refusal(const Family& family, std::string_view raw) : family_(family), raw_(raw) {}
+
+    Verdict operator()(const char* format, ...) const __attribute__((format(printf, 2, 3))) {
+        va_list arguments;
+        va_start(arguments, format);
+        report_refusal(family_.failed, raw_, format, arguments);
+        va_end(arguments);
+        return Verdict::refused;
+    }
+
+    Verdict out_of_memory() const {
+        operator()("malloc(): %s\n", strerror(errno));
+        return Verdict::out_of_memory;
+    }
+
+  private:
+    const Family& family_;
+    std::string_view raw_;
+};
+
+int as_int(size_t length) { return static_cast<int>(length); }
+
+// --- the end of the block
+// ---------------------------------------------------------------------------
+
+// True when the four bytes that end with the line feed at `line_feed` end a block.
+bool ends_block(std::string_view text, size_t line_feed) {
+    return line_feed + 1 >= kBlockEnd.size() &&
+           memcmp(text.data() + line_feed + 1 - kBlockEnd.size(), kBlockEnd.data(),
+                  kBlockEnd.size()) == 0;
+}
+
+bool has_zero_byte(std::string_view text) { return memchr(text.data(), 0, text.size()) != nullptr; }
+
+// Looks back from the line feed that ends the block, line by line, to an earlier end or the start.
+bool is_hidden(std::string_view text, size_t line_feed) {
+    for (size_t line_end = line_feed;;) {
+        const std::string_view before = text.substr(0, line_end);
+        const void* found = memrchr(before.data(), '\n', before.size());
+        if (!found) return has_zero_byte(before);
+        const auto previous = static_cast<size_t>(static_cast<const char*>(found) - before.data());
+        if (has_zero_byte(before.substr(previous)) || ends_block(text, previous)) return true;
+        line_end = previous;
+    }
+}
+
+// --- lines
+// ------------------------------------------------------------------------------------------
+
+size_t find_char(std::string_view text, char c) {
+    const void* found = memchr(text.data(), c, text.size());
+    return found ? static_cast<size_t>(static_cast<const char*>(found) - text.data()) : npos;
+}
+
+// Takes the next line off the block; any run of CR and LF separates lines. Empty at the end.
+std::string_view take_line(std::string_view& block) {
+    size_t start = 0;
+    while (start < block.size() && (block[start] == '\r' || block[start] == '\n')) start++;
+    block.remove_prefix(start);
+    std::string_view line = block.substr(0, find_char(block, '\n'));
+    line = line.substr(0, find_char(line, '\r'));
+    block.remove_prefix(line.size());
+    return line;
+}
+
+// Takes the next piece between '&' off a query; empty pieces vanish. Empty at the end.
+std::string_view take_parameter(std::string_view& query) {
+    query.remove_prefix(std::min(query.find_first_not_of('&'), query.size()));
+    const std::string_view piece = query.substr(0, find_char(query, '&'));
+    query.remove_prefix(piece.size());
+    return piece;
+}
+
+// --- what a block says
+// --------------------------------------------------------------------------------
+
+// What was understood of a block so far. The words still lie in the block.
+class Head {
+  public:
+    Head(const Message& m, const Family& family, const Refusal& refuse)
+        : family_(family), refuse_(refuse), start_line_is_due_(m.method[0] == '\0') {}
+
+    // Every line of a message: the start line, then header lines.
+    Verdict read(std::string_view block);
+    // The lines of a CGI program's output; those that are no header lines are skipped.
+    Verdict read_cgi(std::string_view block);
+
+    // Moves what was understood into the document.
+    void store(const Message& m);
+
+  private:
+    Verdict read_start_line(std::string_view line);
+    Verdict read_url(std::string_view text);
+    Verdict read_query(std::string_view query);
+    Verdict read_header_line(std::string_view line, size_t colon);
+
+    const Family& family_;
+    const Refusal& refuse_;
+    bool start_line_is_due_;
+    std::string_view method_;  // null while none was read; so is the protocol
+    std::string_view protocol_;
+    Owned<char> url_;
+    size_t url_length_ = 0;
+    bool has_url_ = false;
+    const char* host_ = nullptr;
+    NewOptions options_;
+    NewOptions get_params_;
+};
+
+Verdict Head::read(std::string_view block) {
+    for (std::string_view line; !(line = take_line(block)).empty();) {
+        Verdict verdict;
+        if (start_line_is_due_) {
+            verdict = read_start_line(line);
+        } else {
+            const size_t colon = find_char(line, ':');
+            if (colon == npos)
+                return refuse_("parse options (can't find : in '%.*s')\n", as_int(line.size()),
+                               line.data());
+            verdict = read_header_line(line, colon);
+        }
+        if (verdict != Verdict::taken) return verdict;
+    }
+    return Verdict::taken;
+}
+
+Verdict Head::read_cgi(std::string_view block) {
+    for (std::string_view line; !(line = take_line(block)).empty();) {
+        const size_t colon = find_char(line, ':');
+        if (colon == npos) continue;
+        const Verdict verdict = read_header_line(line, colon);
+        if (verdict != Verdict::taken) return verdict;
+    }
+    return Verdict::taken;
+}
+
+Verdict Head::read_start_line(std::string_view line) {
+    const size_t method_end = find_char(line, ' ');
+    if (method_end == npos) return refuse_("search method\n");
+    if (method_end > HTMLDOC_WORD_LENGTH)
+        return refuse_("method len to long (%d expect max %d)\n", as_int(method_end),
+                       HTMLDOC_WORD_LENGTH);
+    method_ = line.substr(0, method_end);
+    start_line_is_due_ = method_.empty();
+
+    line.remove_prefix(method_end + 1);
+    const size_t url_end = find_char(line, ' ');
+    if (url_end == npos) return refuse_("search url\n");
+    if (const Verdict verdict = read_url(line.substr(0, url_end)); verdict != Verdict::taken)
+        return verdict;
+
+    line.remove_prefix(url_end + 1);
+    if (line.size() > HTMLDOC_WORD_LENGTH)
+        return refuse_("proto len to long (%d exprect max %d)\n", as_int(line.size()),
+                       HTMLDOC_WORD_LENGTH);
+    protocol_ = line;
+    return Verdict::taken;
+}
+
+Verdict Head::read_url(std::string_view text) {
+    const std::string_view url = text.substr(0, find_char(text, '?'));
+    if (url.size() < text.size()) {
+        const Verdict verdict = read_query(text.substr(url.size() + 1));
+        if (verdict != Verdict::taken) return verdict;
+    }
+    if (url.size() > HTMLDOC_URL_LENGTH)
+        return refuse_("url len to long (%d expect max %d)\n", as_int(url.size()),
+                       HTMLDOC_URL_LENGTH);
+
+    if (url.empty()) {
+        url_.reset();
+    } else {
+        url_.reset(allocate<char>(url.size() + family_.url_spare));
+        if (!url_) return refuse_.out_of_memory();
+        memcpy(url_.get(), url.data(), url.size());
+        url_.get()[url.size()] = '\0';
+    }
+    url_length_ = url.size();
+    has_url_ = true;
+    return Verdict::taken;
+}
+
+Verdict Head::read_query(std::string_view query) {
+    for (std::string_view piece; !(piece = take_parameter(query)).empty();) {
+        const size_t equals = find_char(piece, '=');
+        if (equals == npos)
+            return refuse_("parse options get (can't find = in '%.*s')\n", as_int(piece.size()),
+                           piece.data());
+        if (equals + 1 == piece.size())
+            return refuse_("parse options get (missing value for '%.*s')\n", as_int(equals),
+                           piece.data());
+        if (!get_params_.prepend(piece.substr(0, equals), piece.substr(equals + 1)))
+            return refuse_.out_of_memory();
+    }
+    return Verdict::taken;
+}
+
+Verdict Head::read_header_line(std::string_view line, size_t colon) {
+    const std::string_view name = line.substr(0, colon);
+    std::string_view value = line.substr(colon + 1);
+    value.remove_prefix(std::min(value.find_first_not_of(' '), value.size()));
+    if (value.empty())
+        return refuse_("parse options (missing value for '%.*s')\n", as_int(name.size()),
+                       name.data());
+
+    const htmldoc_option* node = options_.prepend(name, value);
+    if (!node) return refuse_.out_of_memory();
+    if (name == "Host") host_ = node->value;
+    return Verdict::taken;
+}
+
+void copy_word(char (&to)[HTMLDOC_WORD_LENGTH + 1], std::string_view word) {
+    memcpy(to, word.data(), word.size());
+    to[word.size()] = '\0';
+}
+
+void Head::store(const Message& m) {
+    if (method_.data()) copy_word(m.method, method_);
+    if (has_url_) replace_url(m, url_.release(), url_length_);
+    if (protocol_.data()) copy_word(m.protocol, protocol_);
+    if (host_) m.host = host_;
+    options_.move_in_front_of(m.options);
+    get_params_.move_in_front_of(m.get_params);
+}
+
+}  // namespace
+
+size_t find_block_end(std::string_view text, size_t searched) {
+    for (size_t from = searched; from < text.size();) {
+        const void* found = memchr(text.data() + from, '\n', text.size() - from);
+        if (!found) return npos;
+        const auto line_feed = static_cast<size_t>(static_cast<const char*>(found) - text.data());
+        if (ends_block(text, line_feed)) {
+            const size_t end = line_feed + 1 - kBlockEnd.size();
+            const bool hidden =
+                searched == 0 ? has_zero_byte(text.substr(0, end)) : is_hidden(text, line_feed);
+            return hidden ? npos : end;
+        }
+        from = line_feed + 1;
+    }
+    return npos;
+}
+
+Verdict judge_block(std::string_view text, size_t end, const Family& family) {
+    if (text[0] == '\r' || text[0] == '\n') return Verdict::refused;
+    if (end == npos && text.size() < HTMLDOC_HEADER_LENGTH + kBlockEnd.size())
+        return Verdict::more_needed;
+    if (end > HTMLDOC_HEADER_LENGTH)
+        return Refusal(family, text)("header len to long (%d expect max %d)\n",
+                                     as_int(std::min(end, text.size())), HTMLDOC_HEADER_LENGTH);
+    return Verdict::taken;
+}
+
+bool is_whole_body(htmldoc_option* options, uint32_t length) {
+    const htmldoc_option* announced = find_option(options, "Content-Length");
+    if (!announced) return true;
+    return announced->value && static_cast<uint32_t>(atoi(announced->value)) == length;
+}
+
+Receipt take_block(const Message& m, const Family& family, std::string_view text, size_t end) {
+    const Refusal refuse(family, text);
+    Head head(m, family, refuse);
+    const Verdict verdict = head.read(text.substr(0, end));
+    if (verdict == Verdict::refused) head.store(m);
+    if (verdict != Verdict::taken) return {verdict};
+
+    const size_t block_bytes = end + kBlockEnd.size();
+    const std::string_view body = text.substr(block_bytes);
+    if (m.body_ok != 0) {
+        head.store(m);
+        m.header_ok = 1;
+        return {Verdict::taken, block_bytes};
+    }
+    if (!body.empty() && !append(m.body, body)) return {Verdict::out_of_memory};
+    head.store(m);
+    m.header_ok = 1;
+    m.body_ok = is_whole_body(m.options, body.empty() ? 0 : m.body.length);
+    return {Verdict::taken, text.size()};
+}
+
+Verdict receive_cgi(const Message& m, const Family& family, std::string_view text) {
+    const size_t end = find_block_end(text, 0);
+    if (const Verdict verdict = judge_block(text, end, family); verdict != Verdict::taken)
+        return verdict;
+
+    const Refusal refuse(family, text);
+    Head head(m, family, refuse);
+    if (m.header_ok == 0) {
+        const Verdict verdict = head.read_cgi(text.substr(0, end));
+        if (verdict == Verdict::refused) head.store(m);
+        if (verdict != Verdict::taken) return verdict;
+    }
+
+    const std::string_view body = text.substr(end + kBlockEnd.size());
+    if (m.body_ok == 0 && !body.empty()) {
+        char* copy = duplicate(body.data(), body.size());
+        if (!copy) return refuse.out_of_memory();
+        if (m.body.capacity != 0) free(m.body.data);
+        const auto length = static_cast<uint32_t>(body.size());
+        m.body = {copy, length, length};
+    }
+    head.store(m);
+    m.header_ok = 1;
+    m.body_ok = 1;
+    return Verdict::taken;
+}
+
+}  // namespace zt::http
