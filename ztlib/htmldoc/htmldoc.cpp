@@ -49,7 +49,7 @@ void cut(buffer& input, uint32_t length) {
 // waits.
 Verdict receive_at_once(htmldoc& d, std::string_view bytes) {
     const Receipt receipt = zt::http::receive(d, kFamily, bytes, 0);
-    const std::string_view rest = bytes.substr(receipt.bytes);
+    const std::string_view rest = zt::http::from(bytes, receipt.bytes);
     if (receipt.verdict == Verdict::out_of_memory || rest.empty()) return receipt.verdict;
     if (!zt::http::append(d.input, rest)) return Verdict::out_of_memory;
     return receipt.verdict;

@@ -96,14 +96,6 @@ void for_each_piece(const Message& m, const Family& family, bool is_request, Tak
 // --- forms
 // ----------------------------------------------------------------------------------------
 
-// The first piece between '&' in `text`, which is taken off it. Empty at the end.
-std::string_view take_piece(std::string_view& text) {
-    text.remove_prefix(std::min(text.find_first_not_of('&'), text.size()));
-    const std::string_view piece = text.substr(0, text.find('&'));
-    text.remove_prefix(piece.size());
-    return piece;
-}
-
 // Ends each piece within the first `length` bytes with a zero byte in place of its '&'.
 void terminate_pieces(char* text, size_t length) {
     for (char* at = text + 1; at < text + length; at++)
@@ -246,7 +238,7 @@ int split_form(const Message& m, const Family& family) {
             result = -1;
             break;
         }
-        if (!add_parameter(parameters, piece.substr(0, equals), piece.substr(equals), family))
+        if (!add_parameter(parameters, piece.substr(0, equals), from(piece, equals), family))
             return -1;
     }
     // The '&' behind the last piece that was looked at is its end too.

@@ -5,11 +5,25 @@
 
 #include <ztlib/htmldoc/htmldoc.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstddef>
 #include <string_view>
 
 namespace zt::http {
+
+// The text from its n-th character on; n is not beyond its end.
+constexpr std::string_view from(std::string_view text, size_t n) {
+    return {text.data() + n, text.size() - n};
+}
+
+// Takes the next piece between '&' off the text; empty pieces vanish. Empty at the end.
+inline std::string_view take_piece(std::string_view& text) {
+    text.remove_prefix(std::min(text.find_first_not_of('&'), text.size()));
+    const std::string_view piece = text.substr(0, text.find('&'));
+    text.remove_prefix(piece.size());
+    return piece;
+}
 
 // Where the families differ.
 struct Family {

@@ -70,7 +70,7 @@ bool is_hidden(std::string_view text, size_t line_feed) {
         const void* found = memrchr(before.data(), '\n', before.size());
         if (!found) return has_zero_byte(before);
         const auto previous = static_cast<size_t>(static_cast<const char*>(found) - before.data());
-        if (has_zero_byte(before.substr(previous)) || ends_block(text, previous)) return true;
+        if (has_zero_byte(from(before, previous)) || ends_block(text, previous)) return true;
         line_end = previous;
     }
 }
@@ -92,14 +92,6 @@ std::string_view take_line(std::string_view& block) {
     line = line.substr(0, find_char(line, '\r'));
     block.remove_prefix(line.size());
     return line;
-}
-
-// Takes the next piece between '&' off a query; empty pieces vanish. Empty at the end.
-std::string_view take_parameter(std::string_view& query) {
-    query.remove_prefix(std::min(query.find_first_not_of('&'), query.size()));
-    const std::string_view piece = query.substr(0, find_char(query, '&'));
-    query.remove_prefix(piece.size());
-    return piece;
 }
 
 // --- what a block says
@@ -191,7 +183,7 @@ Verdict Head::read_start_line(std::string_view line) {
 Verdict Head::read_url(std::string_view text) {
     const std::string_view url = text.substr(0, find_char(text, '?'));
     if (url.size() < text.size()) {
-        const Verdict verdict = read_query(text.substr(url.size() + 1));
+        const Verdict verdict = read_query(from(text, url.size() + 1));
         if (verdict != Verdict::taken) return verdict;
     }
     if (url.size() > HTMLDOC_URL_LENGTH)
@@ -212,7 +204,7 @@ Verdict Head::read_url(std::string_view text) {
 }
 
 Verdict Head::read_query(std::string_view query) {
-    for (std::string_view piece; !(piece = take_parameter(query)).empty();) {
+    for (std::string_view piece; !(piece = take_piece(query)).empty();) {
         const size_t equals = find_char(piece, '=');
         if (equals == npos)
             return refuse_("parse options get (can't find = in '%.*s')\n", as_int(piece.size()),
@@ -220,7 +212,7 @@ Verdict Head::read_query(std::string_view query) {
         if (equals + 1 == piece.size())
             return refuse_("parse options get (missing value for '%.*s')\n", as_int(equals),
                            piece.data());
-        if (!get_params_.prepend(piece.substr(0, equals), piece.substr(equals + 1)))
+        if (!get_params_.prepend(piece.substr(0, equals), from(piece, equals + 1)))
             return refuse_.out_of_memory();
     }
     return Verdict::taken;
@@ -228,7 +220,7 @@ Verdict Head::read_query(std::string_view query) {
 
 Verdict Head::read_header_line(std::string_view line, size_t colon) {
     const std::string_view name = line.substr(0, colon);
-    std::string_view value = line.substr(colon + 1);
+    std::string_view value = from(line, colon + 1);
     value.remove_prefix(std::min(value.find_first_not_of(' '), value.size()));
     if (value.empty())
         return refuse_("parse options (missing value for '%.*s')\n", as_int(name.size()),
@@ -296,7 +288,7 @@ Receipt take_block(const Message& m, const Family& family, std::string_view text
     if (verdict != Verdict::taken) return {verdict};
 
     const size_t block_bytes = end + kBlockEnd.size();
-    const std::string_view body = text.substr(block_bytes);
+    const std::string_view body = from(text, block_bytes);
     if (m.body_ok != 0) {
         head.store(m);
         m.header_ok = 1;
@@ -322,7 +314,7 @@ Verdict receive_cgi(const Message& m, const Family& family, std::string_view tex
         if (verdict != Verdict::taken) return verdict;
     }
 
-    const std::string_view body = text.substr(end + kBlockEnd.size());
+    const std::string_view body = from(text, end + kBlockEnd.size());
     if (m.body_ok == 0 && !body.empty()) {
         char* copy = duplicate(body.data(), body.size());
         if (!copy) return refuse.out_of_memory();
