@@ -45,6 +45,15 @@ void cut(buffer& input, uint32_t length) {
     input.data[length] = '\0';
 }
 
+// True for a byte that goes on with a line of a block that is being received: it cannot end the
+// block, and nothing else is to be judged. (A marked block has no room.)
+bool goes_on_with_line(const htmldoc& d, std::string_view bytes) {
+    const buffer& input = d.input;
+    return bytes.size() == 1 && bytes[0] != '\n' && d.header_ok == 0 && input.length != 0 &&
+           input.length + 1 < input.capacity && input.length < HTMLDOC_HEADER_LENGTH &&
+           input.data[0] != '\r' && input.data[0] != '\n';
+}
+
 // Nothing is waiting in the input: the bytes are used where they lie, and what is left of them
 // waits.
 Verdict receive_at_once(htmldoc& d, std::string_view bytes) {
@@ -133,6 +142,10 @@ extern "C" int htmldoc_wrap(htmldoc* d, const char* data, int len) {
     if (!data || len < 0) return -1;
 
     const std::string_view bytes(data, static_cast<size_t>(len));
+    if (goes_on_with_line(*d, bytes)) {
+        zt::http::append(d->input, bytes);
+        return 1;
+    }
     const Verdict verdict =
         d->input.length == 0 ? receive_at_once(*d, bytes) : receive_behind_input(*d, bytes);
     if (verdict == Verdict::refused) mark_refused(d->input);

@@ -139,12 +139,6 @@ bool add_parameter(NewOptions& parameters, std::string_view key, std::string_vie
 
 }  // namespace
 
-bool append(buffer& to, std::string_view bytes) {
-    if (bytes.size() > INT_MAX) return false;
-    return buffer_append(&to.data, &to.capacity, &to.length, bytes.data(),
-                         static_cast<int>(bytes.size())) != nullptr;
-}
-
 void replace_url(const Message& m, char* url, size_t length) {
     if (m.url_length != 0) free(m.url);
     m.url = length != 0 ? url : const_cast<char*>(kNoUrl);

@@ -6,6 +6,7 @@
 #include <ztlib/htmldoc/htmldoc.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <string_view>
@@ -56,7 +57,17 @@ Message message_of(Record& d) {
 }
 
 // Appends to a buffer. False when memory is out; buffer_append() has said so.
-bool append(buffer& to, std::string_view bytes);
+inline bool append(buffer& to, std::string_view bytes) {
+    // A byte at a time, as from a slow sender, costs no more than itself while there is room.
+    if (bytes.size() == 1 && to.length + 1 < to.capacity) {
+        to.data[to.length++] = bytes[0];
+        to.data[to.length] = '\0';
+        return true;
+    }
+    if (bytes.size() > INT_MAX) return false;
+    return buffer_append(&to.data, &to.capacity, &to.length, bytes.data(),
+                         static_cast<int>(bytes.size())) != nullptr;
+}
 
 // Puts `url` in the place of the one that the message owns, if any.
 void replace_url(const Message& m, char* url, size_t length);
