@@ -3,8 +3,9 @@
 #include <ztlib/htmldoc/htmldoc.h>
 #include <ztlib/htmldoc/http.h>
 
+#include <tests/fuzz/quiet.h>
+
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -15,11 +16,6 @@ void check(bool condition) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***);
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    return freopen("/dev/null", "w", stderr) ? 0 : 1;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

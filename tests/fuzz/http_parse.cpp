@@ -7,9 +7,10 @@
 #include <ztlib/htmldoc/htmldoc.h>
 #include <ztlib/htmldoc/http.h>
 
+#include <tests/fuzz/quiet.h>
+
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -42,11 +43,6 @@ std::string body_of(const Record& d) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***);
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    return freopen("/dev/null", "w", stderr) ? 0 : 1;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -3,9 +3,10 @@
 
 #include <ztlib/htmldoc/htmldoc.h>
 
+#include <tests/fuzz/quiet.h>
+
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -17,11 +18,6 @@ void check(bool condition) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***);
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    return freopen("/dev/null", "w", stderr) ? 0 : 1;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
