@@ -16,6 +16,7 @@
 #include <ztlib/htmldoc/uri.hpp>
 
 #include <cstdarg>
+#include <cstring>
 
 using zt::http::message_of;
 using zt::http::Receipt;
@@ -102,7 +103,7 @@ extern "C" htmldoc* htmldoc_create() {
 
 extern "C" int htmldoc_init(htmldoc* d) {
     if (!d) return -1;
-    *d = {};
+    memset(d, 0, sizeof *d);
     return buffer_init(&d->input);
 }
 
@@ -113,7 +114,7 @@ extern "C" int htmldoc_free(htmldoc* d, int free_record) {
     if (free_record > 0)
         free(d);
     else
-        *d = {};
+        memset(d, 0, sizeof *d);
     return 0;
 }
 
@@ -146,6 +147,8 @@ extern "C" int htmldoc_wrap(htmldoc* d, const char* data, int len) {
         zt::http::append(d->input, bytes);
         return 1;
     }
+    if (d->header_ok != 0 && d->body_ok == 0 && d->input.length == 0)
+        return zt::http::result_of(*d, zt::http::take_body(*d, bytes));
     const Verdict verdict =
         d->input.length == 0 ? receive_at_once(*d, bytes) : receive_behind_input(*d, bytes);
     if (verdict == Verdict::refused) mark_refused(d->input);

@@ -257,19 +257,24 @@ bool equals(const char* text, const char (&literal)[size]) {
     return equals(text, literal, std::make_index_sequence<size>());
 }
 
-// What atoi() makes of the text, and sooner where that is a few plain digits.
-int read_number(const char* text) {
+// True when atoi() makes this number of the text.
+[[gnu::noinline, gnu::cold]] bool is_what_atoi_reads(const char* text, uint32_t number) {
+    return static_cast<uint32_t>(atoi(text)) == number;
+}
+
+// The same, and sooner where the text is a few plain digits.
+bool says_number(const char* text, uint32_t number) {
     constexpr int kSureDigits = 9;  // never too many for an int
-    int number = 0;
+    uint32_t said = 0;
     for (int i = 0; i < kSureDigits; i++) {
         const unsigned digit = static_cast<unsigned char>(text[i]) - unsigned{'0'};
         if (digit > 9) {
             if (i == 0) break;
-            return number;
+            return said == number;
         }
-        number = number * 10 + static_cast<int>(digit);
+        said = said * 10 + digit;
     }
-    return atoi(text);
+    return is_what_atoi_reads(text, number);
 }
 
 }  // namespace
@@ -303,7 +308,7 @@ Verdict judge_block(std::string_view text, size_t end, const Family& family) {
 bool is_whole_body(htmldoc_option* options, uint32_t length) {
     for (const htmldoc_option* node = options; node; node = node->next) {
         if (!node->name || !equals(node->name, "Content-Length")) continue;
-        return node->value && static_cast<uint32_t>(read_number(node->value)) == length;
+        return node->value && says_number(node->value, length);
     }
     return true;
 }
