@@ -2,31 +2,31 @@
 #ifndef ZTLIB_ZTLIB_H
 #define ZTLIB_ZTLIB_H
 
+#include <ztlib/logger.h>
+#include <ztlib/pthread_utils.h>
+#include <ztlib/zt_library.h>
+
+#include <ztlib/hashtable/hashtable.h>
+#include <ztlib/lists/circular_list.h>
+#include <ztlib/lists/linked_list.h>
+#include <ztlib/queue/queue.h>
+#include <ztlib/sptrlist/sptrlist.h>
+
 #include <ztlib/buffers/buffer.h>
 #include <ztlib/buffers/net_buffer.h>
 #include <ztlib/buffers/wbuffer.h>
+#include <ztlib/utils/converters.h>
+
 #include <ztlib/htmldoc/htmldoc.h>
 #include <ztlib/htmldoc/http.h>
-#include <ztlib/logger.h>
-#include <ztlib/network/lead4.h>
-#include <ztlib/pthread_utils.h>
-#include <ztlib/sptrlist/sptrlist.h>
-#include <ztlib/utils/converters.h>
 #include <ztlib/xmldoc/xmldoc.h>
-#include <ztlib/zt_library.h>
 
-#include <ztlib/lists/circular_list.h>
-#include <ztlib/lists/linked_list.h>
-
-#include <ztlib/queue/queue.h>
-
-#include <ztlib/hashtable/hashtable.h>
-
+#include <ztlib/network/lead4.h>
 #include <ztlib/network/socket_client/socket_client.h>
 #include <ztlib/network/socket_listener.h>
 
-#include <ztlib/pools/threadpool/threadpool.h>
 #include <ztlib/pools/threadpool/netthreadpool.h>
 #include <ztlib/pools/threadpool/protocols/simple_xml.h>
+#include <ztlib/pools/threadpool/threadpool.h>
 
 #endif

@@ -37,17 +37,9 @@
 #ifndef ZTLIB_HASHTABLE_HASHTABLE_H
 #define ZTLIB_HASHTABLE_HASHTABLE_H
 
-#include <pthread.h>
 #include <stdint.h>
 #include <ztlib/decls.h>
-
-/* Compiled as strict ISO C, a host sees no reader/writer lock, only the room that one takes. */
-#ifndef PTHREAD_RWLOCK_INITIALIZER
-typedef union {
-    char size[__SIZEOF_PTHREAD_RWLOCK_T];
-    long alignment;
-} pthread_rwlock_t;
-#endif
+#include <ztlib/pthread_types.h>
 
 ZT_BEGIN_DECLS
 

@@ -16,6 +16,7 @@
 #include <ztlib/htmldoc/uri.hpp>
 
 #include <cstdarg>
+#include <cstring>
 
 using zt::http::message_of;
 using zt::http::Receipt;
@@ -45,11 +46,20 @@ void cut(buffer& input, uint32_t length) {
     input.data[length] = '\0';
 }
 
+// True for a byte that goes on with a line of a block that is being received: it cannot end the
+// block, and nothing else is to be judged. (A marked block has no room.)
+bool goes_on_with_line(const htmldoc& d, std::string_view bytes) {
+    const buffer& input = d.input;
+    return bytes.size() == 1 && bytes[0] != '\n' && d.header_ok == 0 && input.length != 0 &&
+           input.length + 1 < input.capacity && input.length < HTMLDOC_HEADER_LENGTH &&
+           input.data[0] != '\r' && input.data[0] != '\n';
+}
+
 // Nothing is waiting in the input: the bytes are used where they lie, and what is left of them
 // waits.
 Verdict receive_at_once(htmldoc& d, std::string_view bytes) {
     const Receipt receipt = zt::http::receive(d, kFamily, bytes, 0);
-    const std::string_view rest = bytes.substr(receipt.bytes);
+    const std::string_view rest = zt::http::from(bytes, receipt.bytes);
     if (receipt.verdict == Verdict::out_of_memory || rest.empty()) return receipt.verdict;
     if (!zt::http::append(d.input, rest)) return Verdict::out_of_memory;
     return receipt.verdict;
@@ -93,7 +103,7 @@ extern "C" htmldoc* htmldoc_create() {
 
 extern "C" int htmldoc_init(htmldoc* d) {
     if (!d) return -1;
-    *d = {};
+    memset(d, 0, sizeof *d);
     return buffer_init(&d->input);
 }
 
@@ -104,7 +114,7 @@ extern "C" int htmldoc_free(htmldoc* d, int free_record) {
     if (free_record > 0)
         free(d);
     else
-        *d = {};
+        memset(d, 0, sizeof *d);
     return 0;
 }
 
@@ -133,6 +143,12 @@ extern "C" int htmldoc_wrap(htmldoc* d, const char* data, int len) {
     if (!data || len < 0) return -1;
 
     const std::string_view bytes(data, static_cast<size_t>(len));
+    if (goes_on_with_line(*d, bytes)) {
+        zt::http::append(d->input, bytes);
+        return 1;
+    }
+    if (d->header_ok != 0 && d->body_ok == 0 && d->input.length == 0)
+        return zt::http::result_of(*d, zt::http::take_body(*d, bytes));
     const Verdict verdict =
         d->input.length == 0 ? receive_at_once(*d, bytes) : receive_behind_input(*d, bytes);
     if (verdict == Verdict::refused) mark_refused(d->input);

@@ -9,6 +9,7 @@
 #include <ztlib/htmldoc/uri.hpp>
 
 #include <cstdarg>
+#include <cstring>
 
 using zt::http::message_of;
 
@@ -28,7 +29,7 @@ constexpr zt::http::Family kFamily = {
 
 extern "C" int http_doc_init(http_document* d) {
     if (!d) return -1;
-    *d = {};
+    memset(d, 0, sizeof *d);
     return 0;
 }
 
@@ -38,7 +39,7 @@ extern "C" void http_free(http_document* d, int free_record) {
     if (free_record > 0)
         free(d);
     else
-        *d = {};
+        memset(d, 0, sizeof *d);
 }
 
 extern "C" http_document* http_dublicate_document(const http_document* d) {

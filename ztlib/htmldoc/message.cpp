@@ -93,16 +93,29 @@ void for_each_piece(const Message& m, const Family& family, bool is_request, Tak
     if (m.body.capacity != 0 && m.body.data) take(std::string_view(m.body.data, m.body.length));
 }
 
+// --- body
+// -----------------------------------------------------------------------------------------
+
+// Makes room for `n` bytes and a terminator. False, with errno set, when memory is out.
+bool make_room(buffer& body, size_t n) {
+    const size_t length = body.length + n;
+    const size_t capacity = length > body.capacity ? (n + body.capacity) * 2 : body.capacity;
+    // A body that is exactly full has its terminator behind its capacity.
+    const size_t needed = std::max(capacity, length + 1);
+    if (body.data && needed <= body.capacity) return true;
+    if (capacity > UINT32_MAX) {
+        errno = ENOMEM;
+        return false;
+    }
+    void* grown = realloc(body.data, needed);
+    if (!grown) return false;
+    body.data = static_cast<char*>(grown);
+    body.capacity = static_cast<uint32_t>(capacity);
+    return true;
+}
+
 // --- forms
 // ----------------------------------------------------------------------------------------
-
-// The first piece between '&' in `text`, which is taken off it. Empty at the end.
-std::string_view take_piece(std::string_view& text) {
-    text.remove_prefix(std::min(text.find_first_not_of('&'), text.size()));
-    const std::string_view piece = text.substr(0, text.find('&'));
-    text.remove_prefix(piece.size());
-    return piece;
-}
 
 // Ends each piece within the first `length` bytes with a zero byte in place of its '&'.
 void terminate_pieces(char* text, size_t length) {
@@ -125,12 +138,6 @@ bool add_parameter(NewOptions& parameters, std::string_view key, std::string_vie
 }
 
 }  // namespace
-
-bool append(buffer& to, std::string_view bytes) {
-    if (bytes.size() > INT_MAX) return false;
-    return buffer_append(&to.data, &to.capacity, &to.length, bytes.data(),
-                         static_cast<int>(bytes.size())) != nullptr;
-}
 
 void replace_url(const Message& m, char* url, size_t length) {
     if (m.url_length != 0) free(m.url);
@@ -187,26 +194,14 @@ int append_to_body(buffer& body, const void* data, int n) {
     if (n == 0 && !body.data) return 0;
     if (!data && n > 0) return -1;
 
-    const size_t added = n > 0 ? static_cast<size_t>(n) : 0;
-    const size_t length = body.length + added;
-    const size_t capacity = length > body.capacity ? (added + body.capacity) * 2 : body.capacity;
-    // A body that is exactly full has its terminator behind its capacity.
-    if (length >= body.capacity || !body.data) {
-        void* grown = nullptr;
-        if (n >= 0 && capacity <= UINT32_MAX)
-            grown = realloc(body.data, std::max(capacity, length + 1));
-        else
-            errno = ENOMEM;
-        if (!grown) {
-            fprintf(stderr, "realloc(): %s\n", strerror(errno));
-            return -1;
-        }
-        body.data = static_cast<char*>(grown);
-        body.capacity = static_cast<uint32_t>(capacity);
+    // A negative count fails as one does that no memory can hold.
+    if (!make_room(body, n >= 0 ? static_cast<size_t>(n) : SIZE_MAX / 4)) {
+        fprintf(stderr, "realloc(): %s\n", strerror(errno));
+        return -1;
     }
-    if (added != 0) memcpy(body.data + body.length, data, added);
-    body.length = static_cast<uint32_t>(length);
-    body.data[length] = '\0';
+    if (n > 0) memcpy(body.data + body.length, data, static_cast<size_t>(n));
+    body.length += static_cast<uint32_t>(n);
+    body.data[body.length] = '\0';
     return 0;
 }
 
@@ -246,7 +241,7 @@ int split_form(const Message& m, const Family& family) {
             result = -1;
             break;
         }
-        if (!add_parameter(parameters, piece.substr(0, equals), piece.substr(equals), family))
+        if (!add_parameter(parameters, piece.substr(0, equals), from(piece, equals), family))
             return -1;
     }
     // The '&' behind the last piece that was looked at is its end too.

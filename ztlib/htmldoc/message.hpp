@@ -5,11 +5,26 @@
 
 #include <ztlib/htmldoc/htmldoc.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <string_view>
 
 namespace zt::http {
+
+// The text from its n-th character on; n is not beyond its end.
+constexpr std::string_view from(std::string_view text, size_t n) {
+    return {text.data() + n, text.size() - n};
+}
+
+// Takes the next piece between '&' off the text; empty pieces vanish. Empty at the end.
+inline std::string_view take_piece(std::string_view& text) {
+    text.remove_prefix(std::min(text.find_first_not_of('&'), text.size()));
+    const std::string_view piece = text.substr(0, text.find('&'));
+    text.remove_prefix(piece.size());
+    return piece;
+}
 
 // Where the families differ.
 struct Family {
@@ -42,7 +57,17 @@ Message message_of(Record& d) {
 }
 
 // Appends to a buffer. False when memory is out; buffer_append() has said so.
-bool append(buffer& to, std::string_view bytes);
+inline bool append(buffer& to, std::string_view bytes) {
+    // A byte at a time, as from a slow sender, costs no more than itself while there is room.
+    if (bytes.size() == 1 && to.length + 1 < to.capacity) {
+        to.data[to.length++] = bytes[0];
+        to.data[to.length] = '\0';
+        return true;
+    }
+    if (bytes.size() > INT_MAX) return false;
+    return buffer_append(&to.data, &to.capacity, &to.length, bytes.data(),
+                         static_cast<int>(bytes.size())) != nullptr;
+}
 
 // Puts `url` in the place of the one that the message owns, if any.
 void replace_url(const Message& m, char* url, size_t length);

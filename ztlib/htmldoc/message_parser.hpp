@@ -43,6 +43,14 @@ Receipt take_block(const Message& m, const Family& family, std::string_view text
 // True when a body of this length is what Content-Length announces, or nothing is announced.
 bool is_whole_body(htmldoc_option* options, uint32_t length);
 
+// Takes the next bytes of a body that is not complete.
+template <class Record>
+Verdict take_body(Record& d, std::string_view bytes) {
+    if (!append(d.body, bytes)) return Verdict::out_of_memory;
+    d.body_ok = is_whole_body(d.options, d.body.length);
+    return Verdict::taken;
+}
+
 // Takes the next bytes of a message, of which the first `searched` were looked at before.
 template <class Record>
 Receipt receive(Record& d, const Family& family, std::string_view text, size_t searched) {
@@ -53,9 +61,7 @@ Receipt receive(Record& d, const Family& family, std::string_view text, size_t s
         return take_block(message_of(d), family, text, end);
     }
     if (d.body_ok != 0) return {Verdict::taken};
-    if (!append(d.body, text)) return {Verdict::out_of_memory};
-    d.body_ok = is_whole_body(d.options, d.body.length);
-    return {Verdict::taken, text.size()};
+    return {take_body(d, text), text.size()};
 }
 
 // Takes the whole output of a CGI program.

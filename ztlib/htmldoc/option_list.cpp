@@ -4,7 +4,6 @@
 #include <ztlib/htmldoc/option_list.hpp>
 
 #include <algorithm>
-#include <utility>
 
 namespace zt::http {
 
@@ -16,17 +15,20 @@ void free_node(htmldoc_option* node) {
     free(node);
 }
 
-htmldoc_option* make_node(std::string_view name, Owned<char> value) {
+// An unlinked node that owns `value`, or null when there is none or memory is out.
+inline htmldoc_option* make_node(std::string_view name, Owned<char>& value) {
     if (!value) return nullptr;
-    Owned<htmldoc_option> node(allocate<htmldoc_option>(1));
-    if (!node) return nullptr;
-    Owned<char> name_copy(duplicate(name.data(), name.size()));
-    if (!name_copy) return nullptr;
-    *node = {name_copy.release(), value.release(), nullptr, nullptr};
-    return node.release();
+    auto* node = allocate<htmldoc_option>(1);
+    char* name_copy = node ? duplicate(name.data(), name.size()) : nullptr;
+    if (!name_copy) {
+        free(node);
+        return nullptr;
+    }
+    *node = {name_copy, value.release(), nullptr, nullptr};
+    return node;
 }
 
-void link_at(htmldoc_option*& link, htmldoc_option* node) {
+inline void link_at(htmldoc_option*& link, htmldoc_option* node) {
     node->next = link;
     node->prev_link = &link;
     if (link) link->prev_link = &node->next;
@@ -40,7 +42,8 @@ std::string_view view_of(const char* text) { return text ? text : ""; }
 
 htmldoc_option* append_option(htmldoc_option*& head, std::string_view name,
                               std::string_view value) {
-    htmldoc_option* node = make_node(name, Owned<char>(duplicate(value.data(), value.size())));
+    Owned<char> value_copy(duplicate(value.data(), value.size()));
+    htmldoc_option* node = make_node(name, value_copy);
     if (!node) return nullptr;
     htmldoc_option** tail = &head;
     while (*tail) tail = &(*tail)->next;
@@ -86,7 +89,7 @@ const htmldoc_option* NewOptions::prepend(std::string_view name, std::string_vie
 }
 
 const htmldoc_option* NewOptions::prepend(std::string_view name, Owned<char> value) {
-    htmldoc_option* node = make_node(name, std::move(value));
+    htmldoc_option* node = make_node(name, value);
     if (!node) return nullptr;
     if (!head_) last_ = node;
     link_at(head_, node);
