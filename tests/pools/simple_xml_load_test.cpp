@@ -25,9 +25,9 @@ using namespace zt_test;
 namespace {
 
 #if defined(__SANITIZE_THREAD__)
-constexpr int kConnections = 100, kRequests = 20;
+constexpr int kConnections = 400, kRequests = 50;
 #elif defined(__SANITIZE_ADDRESS__)
-constexpr int kConnections = 300, kRequests = 40;
+constexpr int kConnections = 1000, kRequests = 50;
 #else
 constexpr int kConnections = 1000, kRequests = 100;
 #endif
