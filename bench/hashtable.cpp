@@ -5,6 +5,7 @@
 // insert into the emptied table, look each up, look up as many absent ones, remove each. Two
 // threads share one table, and halve the keys for insert and remove. Only the pass is timed.
 
+#include <bench/support/crew.hpp>
 #include <ztlib/hashtable/hashtable.h>
 
 #include <benchmark/benchmark.h>
@@ -19,21 +20,16 @@
 #endif
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <random>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
 #include <pthread.h>
-#include <sched.h>
 
 namespace {
 
@@ -305,73 +301,21 @@ void* value_of(uint32_t index) {
     return reinterpret_cast<void*>(static_cast<uintptr_t>(index) + 1);
 }
 
-void pin_to(size_t cpu) {
-    cpu_set_t cpus;
-    CPU_ZERO(&cpus);
-    CPU_SET(cpu % std::thread::hardware_concurrency(), &cpus);
-    pthread_setaffinity_np(pthread_self(), sizeof cpus, &cpus);
-}
-
-// Threads that each stay on a processor of their own and start every pass together.
-class Crew {
-  public:
-    explicit Crew(size_t size) : size_(size) {
-        for (size_t i = 1; i < size; ++i) threads_.emplace_back([this, i] { serve(i); });
-        sched_getaffinity(0, sizeof before_, &before_);
-        pin_to(0);
-    }
-    ~Crew() {
-        work_ = nullptr;
-        ++round_;
-        for (auto& thread : threads_) thread.join();
-        sched_setaffinity(0, sizeof before_, &before_);
-    }
-
-    // Calls work(thread) on each thread; seconds from the start until the last one is done.
-    template <class Work>
-    double time(Work work) {
-        const std::function<void(size_t)> job = work;
-        work_ = &job;
-        done_ = 0;
-        ready_ = 0;
-        ++round_;
-        while (ready_ != size_ - 1) sched_yield();
-        const auto start = std::chrono::steady_clock::now();
-        go_ = round_.load();
-        work(0);
-        while (done_ != size_ - 1) sched_yield();
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    }
-
-  private:
-    void serve(size_t index) {
-        pin_to(index);
-        for (size_t served = 0;;) {
-            while (round_ == served) sched_yield();
-            ++served;
-            if (!work_) return;
-            ++ready_;
-            while (go_ != served) sched_yield();
-            (*work_)(index);
-            ++done_;
-        }
-    }
-
-    const size_t size_;
-    std::vector<std::thread> threads_;
-    const std::function<void(size_t)>* work_ = nullptr;
-    std::atomic<size_t> round_{0}, go_{0}, ready_{0}, done_{0};
-    cpu_set_t before_;
-};
-
 enum class Pass { insert, hit, miss, remove };
 constexpr const char* kPassNames[] = {"insert", "hit", "miss", "remove"};
+
+// A processor for each thread.
+std::vector<size_t> processors(size_t threads) {
+    std::vector<size_t> all;
+    for (size_t i = 0; i < threads; ++i) all.push_back(i);
+    return all;
+}
 
 template <class Table, class Keys>
 class Passes {
   public:
     Passes(Data<Keys>& data, size_t buckets, size_t threads)
-        : data_(data), threads_(threads), table_(buckets), crew_(threads) {}
+        : data_(data), threads_(threads), table_(buckets), crew_(processors(threads)) {}
 
     double insert() {
         const auto& order = data_.order();
@@ -414,7 +358,7 @@ class Passes {
     Data<Keys>& data_;
     size_t threads_;
     Table table_;
-    Crew crew_;
+    zt_bench::Crew crew_;
 };
 
 template <class Table, class Keys>

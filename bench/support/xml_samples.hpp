@@ -19,7 +19,7 @@ inline constexpr std::string_view kDeclaration = "<?xml version=\"1.0\" encoding
 inline std::string request() {
     return std::string(kDeclaration) +
            "<request id=\"4711\" type=\"query\"><user>operator</user><table>measurements</table>"
-           "<filter field=\"station\">berlin-north-7</filter></request>";
+           "<filter field=\"station\">berlin-north-0007</filter></request>";
 }
 
 // A report of `size` bytes, rows of a table and a last row as long as it takes.

@@ -301,8 +301,8 @@ bool is_shortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-// Accepts one connection. False when there is no room for it: it then waits in the listener's
-// queue.
+// Accepts one connection, if one waits. False when there is no room for more at present: they wait
+// in the listener's queue until somebody leaves.
 bool accept_one(Server& server, const Descriptor& listener, unsigned idle_seconds) {
     {
         const std::lock_guard lock(server.mutex);

@@ -141,6 +141,20 @@ TEST(Buffer, KeepsEveryByteOfManyAppends) {
     EXPECT_EQ(b.text(), expected);
 }
 
+TEST(Buffer, CopiesPiecesOfEveryLength) {
+    std::string source;
+    for (int i = 0; i < 70; ++i) source += static_cast<char>(i + 1);
+    for (size_t length = 0; length < source.size(); ++length) {
+        Buffer b("#");
+        b.make_room(100);
+        memset(b.data + 1, '#', 101);
+        b.append(source.substr(0, length));
+        ASSERT_EQ(b.text(), "#" + source.substr(0, length));
+        ASSERT_EQ(b.data[1 + length], '\0');
+        ASSERT_EQ(b.data[2 + length], '#');
+    }
+}
+
 TEST(Buffer, IsUnchangedByAnAppendThatFindsNoMemory) {
     Buffer b("text");
     const char* data = b.data;
@@ -434,6 +448,37 @@ TEST(BufferFormat, KeepsTheTextWhenTheCLibraryCannotPrint) {
     EXPECT_EQ(buffer_vsnprintf(&b.data, &b.capacity, &b.length, "more %ls", unprintable), b.data);
     EXPECT_STREQ(b.data, "text");
     EXPECT_EQ(b.length, 4u);
+}
+
+TEST(BufferFormat, GrowsByItsEstimateHoweverMuchRoomThereIs) {
+    Buffer b;
+    std::string expected;
+    unsigned capacity = 0;
+    for (unsigned i = 0; i < 3000; ++i) {
+        const std::string word((i * i) % 700, static_cast<char>('a' + i % 26));
+        const unsigned estimate = 5 + static_cast<unsigned>(word.size()) + 32 + 32;
+        const auto length = static_cast<unsigned>(expected.size());
+        if (length + estimate >= capacity) capacity = estimate + 2 * capacity + 1;
+
+        buffer_vsnprintf(&b.data, &b.capacity, &b.length, "%s %u", word.c_str(), i);
+        expected += word + " " + std::to_string(i);
+        ASSERT_EQ(b.capacity, capacity) << "append " << i;
+        ASSERT_EQ(b.length, expected.size());
+        ASSERT_EQ(b.data[b.length], '\0');
+    }
+    EXPECT_EQ(b.text(), expected);
+}
+
+TEST(BufferFormat, KeepsTheTextWhenALongOneFillsAllRoomAndCannotGrow) {
+    Buffer b("text");
+    b.make_room(1000);
+    const std::string s(5000, 's');
+    CapturedStderr err;
+    FailingCall fault("realloc", ENOMEM);
+    EXPECT_EQ(buffer_vsnprintf(&b.data, &b.capacity, &b.length, "%s", s.c_str()), b.data);
+    EXPECT_STREQ(b.data, "text");
+    EXPECT_EQ(b.length, 4u);
+    EXPECT_EQ(err.text(), kNoRoomToMake);
 }
 
 TEST(BufferFormat, SurvivesEveryFailingAllocation) {

@@ -23,6 +23,7 @@
 #include <pty.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -149,7 +150,8 @@ Strings server_command(const Strings& options) {
 
 class Server : public Program {
   public:
-    explicit Server(const Strings& options = {}) : Program(server_command(options)) {
+    explicit Server(const Strings& options = {}, const std::function<void()>& prepare = {})
+        : Program(server_command(options), prepare) {
         EXPECT_TRUE(eventually([&] { return out().ends_with("\n"); })) << err();
         const std::string line = out();
         EXPECT_THAT(line, StartsWith("listening on "));
@@ -631,6 +633,33 @@ TEST(Inventory, EndsAConnectionThatIsSilentForTooLong) {
     EXPECT_TRUE(silent.ended());
     EXPECT_TRUE(stuck.ended());
     EXPECT_EQ(server.stop(), 0);
+}
+
+// Connects so many peers, of which the last finds no room, and makes room.
+void expect_the_last_to_wait(Server& server, size_t peers_wanted, size_t leaving) {
+    std::vector<std::unique_ptr<Peer>> peers;
+    while (peers.size() < peers_wanted) peers.push_back(std::make_unique<Peer>(server));
+    EXPECT_TRUE(eventually([&] {
+        return server.err().find("no room for a further connection\n") != std::string::npos;
+    }));
+    peers.back()->send_frame("<list/>");
+    EXPECT_EQ(peers.front()->ask("<list/>"), "<hosts></hosts>");
+    peers.erase(peers.begin(), peers.begin() + static_cast<ptrdiff_t>(leaving));
+    EXPECT_EQ(peers.back()->receive(), "<hosts></hosts>");
+    EXPECT_EQ(server.stop(), 0);
+}
+
+TEST(Inventory, LetsPeersWaitThatItHasNoDescriptorsFor) {
+    Server server({"--verbose"}, [] {
+        const rlimit few{20, 20};
+        setrlimit(RLIMIT_NOFILE, &few);
+    });
+    expect_the_last_to_wait(server, 30, 20);
+}
+
+TEST(Inventory, LetsPeersWaitThatItHasNoThreadsFor) {
+    Server server({"--verbose"});
+    expect_the_last_to_wait(server, 901, 1);
 }
 
 // --- many at once, and the end -------------------------------------------------------------------

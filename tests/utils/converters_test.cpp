@@ -79,6 +79,14 @@ TEST(Hex, ReadsAnOddPairAnywhereInALongText) {
     }
 }
 
+TEST(Hex, IsReadInItsOwnPlace) {
+    const auto bytes = random_bytes(75);
+    char text[151];
+    tohexstring(bytes.data(), 75, text, sizeof text);
+    EXPECT_EQ(hextobytes(text, 150, text, 75), 75);
+    EXPECT_EQ(memcmp(text, bytes.data(), 75), 0);
+}
+
 class HexPaths : public testing::TestWithParam<bool> {};
 
 TEST_P(HexPaths, GoThereAndBackForEveryLength) {

@@ -736,13 +736,16 @@ TEST(XmldocParseFile, GivesTheAddressOfAFreedDocumentAfterAFailedParse) {
 TEST(XmldocParseFile, GivesNothingWhenMemoryIsOut) {
     ScratchDirectory scratch;
     const std::string path =
-        scratch.write("a.xml", "<a x='1'>v" + std::string(4000, ' ') + "<b/></a>");
+        scratch.write("a.xml", "<a x='1'>v" + std::string(2000, ' ') + "<b/></a>");
     CapturedLog log;
     CapturedStderr err;
     const int descriptors = descriptor_count();
     for_each_failing_allocation([&] { return xmldoc_parse_file(path.c_str()); },
                                 [](xmldoc* d) { xmldoc_free(d, 1); });
     EXPECT_EQ(descriptor_count(), descriptors);
+    const std::string refused = "./buffers/buffer:buffer_append realloc():Cannot allocate memory\n";
+    EXPECT_EQ(err.text(),
+              repeated(refused, 2));  // two lines are read, and the buffer grows for both
     ASSERT_FALSE(log.lines().empty());
     EXPECT_EQ(log.lines().front(),
               "WARN:xmldoc:xmldoc_parse_file: xmldoc_create()(): Cannot allocate memory");

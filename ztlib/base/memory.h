@@ -2,6 +2,8 @@
 // allocated here or with the same calls, because hosts free it with free().
 #pragma once
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -16,10 +18,15 @@ struct Free {
 template <class T>
 using Owned = std::unique_ptr<T, Free>;
 
-// A zeroed record, or null.
+// `count` zeroed records, or null; null too, with errno as calloc() sets it, where the size would
+// not fit.
 template <class T>
-T* allocate_zeroed() {
-    return static_cast<T*>(calloc(1, sizeof(T)));
+T* allocate_zeroed(size_t count = 1) {
+    if (count > SIZE_MAX / sizeof(T)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return static_cast<T*>(calloc(count, sizeof(T)));
 }
 
 // Room for `count` objects, not zeroed, or null; null too where the size would not fit.

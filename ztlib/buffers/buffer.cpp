@@ -23,6 +23,7 @@ constexpr size_t kMostForAppend = UINT32_MAX;   // the capacity that buffer_appe
 constexpr size_t kMostForMakeRoom = INT32_MAX;  // ... and buffer_make_room()
 constexpr size_t kMoreThanFits = SIZE_MAX / 4;  // a count that no buffer has room for
 constexpr size_t kFormatSlack = 32;
+constexpr size_t kUsualText = 256;  // what a formatted append seldom goes beyond
 
 struct Fields {
     char*& data;
@@ -33,6 +34,30 @@ struct Fields {
     bool has_room(size_t more) const { return data && length + more < capacity; }
     char* end() const { return data + length; }
 };
+
+template <class Word>
+void copy_ends(char* to, const char* from, size_t n) {
+    Word first, last;
+    memcpy(&first, from, sizeof first);
+    memcpy(&last, from + n - sizeof last, sizeof last);
+    memcpy(to, &first, sizeof first);
+    memcpy(to + n - sizeof last, &last, sizeof last);
+}
+
+// As memcpy(), whose call a short piece would mostly pay for. Nothing is read for 0 bytes.
+void copy(char* to, const void* src, size_t n) {
+    const auto* from = static_cast<const char*>(src);
+    if (n > 16)
+        memcpy(to, from, n);
+    else if (n >= 8)
+        copy_ends<uint64_t>(to, from, n);
+    else if (n >= 4)
+        copy_ends<uint32_t>(to, from, n);
+    else if (n >= 2)
+        copy_ends<uint16_t>(to, from, n);
+    else if (n == 1)
+        *to = *from;
+}
 
 // Gives a buffer that has no room for `more` bytes a new block. Where data is null the text of the
 // length that the record claims is made of zeros.
@@ -67,6 +92,24 @@ __attribute__((format(printf, 3, 0))) int print(char* to, size_t room, const cha
     const int length = vsnprintf(to, room, format, copy);
     va_end(copy);
     return length;
+}
+
+// Appends a text for whose estimate there is room whatever it is. The estimate is at most the
+// length of the format, 32 for each of its characters, the slack, and the text: a plain "%s" is
+// printed whole.
+__attribute__((format(printf, 2, 0))) bool append_with_room(Fields b, const char* format,
+                                                            va_list arguments) {
+    const size_t most = strlen(format) * (1 + zt::kPerConversion) + kFormatSlack;
+    if (!b.has_room(most + kUsualText)) return false;
+
+    const char terminator = *b.end();
+    const int length = print(b.end(), b.capacity - b.length, format, arguments);
+    if (length < 0 || !b.has_room(most + static_cast<size_t>(length))) {
+        *b.end() = terminator;
+        return false;
+    }
+    b.length += static_cast<unsigned>(length);
+    return true;
 }
 
 __attribute__((format(printf, 2, 0))) void append_formatted(Fields b, const char* format,
@@ -131,7 +174,7 @@ extern "C" char* buffer_append(char** data, unsigned* capacity, unsigned* length
     const size_t more = n >= 0 ? static_cast<size_t>(n) : kMoreThanFits;
 
     if (!b.has_room(more) && !grow(b, more, kMostForAppend, __func__)) return nullptr;
-    if (more != 0) memcpy(b.end(), src, more);
+    copy(b.end(), src, more);
     b.length += static_cast<unsigned>(more);
     *b.end() = '\0';
     return b.data;
@@ -156,7 +199,8 @@ extern "C" char* buffer_vsnprintf(char** data, unsigned* capacity, unsigned* len
 
     va_list arguments;
     va_start(arguments, format);
-    append_formatted({*data, *capacity, *length}, format, arguments);
+    const Fields b{*data, *capacity, *length};
+    if (!append_with_room(b, format, arguments)) append_formatted(b, format, arguments);
     va_end(arguments);
     return *data;
 }

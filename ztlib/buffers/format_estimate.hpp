@@ -17,9 +17,9 @@
 
 namespace zt {
 
-namespace format_estimate {
-
 constexpr size_t kPerConversion = 32;
+
+namespace format_estimate {
 
 struct Arguments {
     explicit Arguments(va_list started) { va_copy(list, started); }

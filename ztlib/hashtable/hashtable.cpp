@@ -3,11 +3,13 @@
 //
 //     table.last --> C --older--> B --older--> A        and back along `newer`
 //
-// The four kinds of key share every step through two operations, a number that says the bucket and
-// a comparison (struct Integer, struct String). The locking disciplines are wrappers around four
-// steps: find, insert, detach and release. A bucket depends on fields that never change, so
-// wrappers choose it, and have its chain fetched into the cache, before they take their lock;
-// entries are released after the lock is given back.
+// A kind of key (struct Integer, struct String) knows its weight, from which the bucket follows,
+// how to compare, and how its entries are made and released. Everything else is the same for all
+// kinds.
+//
+// The locking disciplines are wrappers around four steps: find, insert, detach and release. A
+// bucket depends on fields that never change, so wrappers choose it, and have its chain fetched
+// into the cache, before they take their lock; entries are released after the lock is given back.
 //
 // One lock of either kind per table, under which nothing else is locked.
 
@@ -24,7 +26,10 @@ constexpr const char* kModule = "./hashtable/hashtable";
 
 // --- keys ----------------------------------------------------------------------------------------
 
-hashtable_entry* reported(hashtable_entry* entry) {
+// A new entry without contents, or null (logged).
+template <class Entry>
+Entry* allocate_entry() {
+    Entry* const entry = zt::allocate<Entry>(1);
     if (!entry) zt::report_call({kModule, "hashtable_insert_l"}, "malloc");
     return entry;
 }
@@ -55,8 +60,8 @@ struct Integer {
         return static_cast<const Entry*>(entry)->number == read(key);
     }
     static hashtable_entry* make_entry(const void* key) {
-        Entry* const entry = zt::allocate<Entry>(1);
-        if (!reported(entry)) return nullptr;
+        Entry* const entry = allocate_entry<Entry>();
+        if (!entry) return nullptr;
         entry->number = read(key);
         entry->key = &entry->number;
         return entry;
@@ -82,8 +87,8 @@ struct String {
         return compare(entry->key, key) == 0;
     }
     static hashtable_entry* make_entry(const void* key) {
-        zt::Owned<hashtable_entry> entry(zt::allocate<hashtable_entry>(1));
-        if (!reported(entry.get())) return nullptr;
+        zt::Owned<hashtable_entry> entry(allocate_entry<hashtable_entry>());
+        if (!entry) return nullptr;
         entry->key = copy(key, {kModule, "hashtable_create_key"});
         return entry->key ? entry.release() : nullptr;
     }
@@ -93,25 +98,22 @@ struct String {
     }
 };
 
-// Calls step(kind) with the kind of the table's keys.
+// Calls step(kind) with the kind of the table's keys. The commonest comes first.
 template <class Step>
 [[gnu::always_inline]] inline auto with_kind_of(const hashtable& table, Step step) {
-    switch (table.key_type) {
-        case HASHTABLE_KEY_UINT16:
-            return step(Integer<uint16_t>{});
-        case HASHTABLE_KEY_UINT32:
-            return step(Integer<uint32_t>{});
-        case HASHTABLE_KEY_UINT64:
-            return step(Integer<uint64_t>{});
-        default:
-            return step(String{});
-    }
+    if (table.key_type == HASHTABLE_KEY_UINT64) [[likely]]
+        return step(Integer<uint64_t>{});
+    if (table.key_type == HASHTABLE_KEY_UINT32) return step(Integer<uint32_t>{});
+    if (table.key_type == HASHTABLE_KEY_UINT16) return step(Integer<uint16_t>{});
+    return step(String{});
 }
 
 // weight % size, which for a power of two takes no division.
 inline uint64_t reduce(uint64_t weight, uint64_t size) {
     const uint64_t mask = size - 1;
-    return (size & mask) == 0 ? weight & mask : weight % size;
+    if ((size & mask) == 0) [[likely]]
+        return weight & mask;
+    return weight % size;
 }
 
 template <class Kind>
@@ -134,10 +136,13 @@ auto hash_of_type(uint8_t key_type) {
 
 // --- steps ---------------------------------------------------------------------------------------
 
-// The first link of the key's chain. Needs no lock.
+// The first link of the key's chain. Needs no lock. Calls no function for 64-bit keys.
 [[gnu::always_inline]] inline hashtable_entry** chain_of(const hashtable& table, const void* key) {
-    const uint64_t bucket = table.hash == hashfunc_uint64 ? hash_as<Integer<uint64_t>>(&table, key)
-                                                          : table.hash(&table, key);
+    uint64_t bucket;
+    if (table.hash == hashfunc_uint64) [[likely]]
+        bucket = hash_as<Integer<uint64_t>>(&table, key);
+    else
+        bucket = table.hash(&table, key);
     hashtable_entry** const chain = &table.buckets[bucket];
     __builtin_prefetch(chain);
     return chain;
@@ -219,6 +224,8 @@ void release_entry(const hashtable& table, hashtable_entry* entry) {
 
 enum class After { unlock, keep };
 
+hashtable_entry* empty_chain = nullptr;  // what a null key finds; never written
+
 template <class Guard>
 auto& lock_of(hashtable& table) {
     if constexpr (std::is_same_v<Guard, zt::Lock>)
@@ -227,15 +234,15 @@ auto& lock_of(hashtable& table) {
         return table.rwlock;
 }
 
-// A look-up that takes its own lock. A null key takes it too, because the caller of a keeping form
-// gives it back.
+// A look-up that takes its own lock, for a null key too, because the caller of a keeping form gives
+// it back.
 template <class Guard, After after>
 void* get(hashtable* table, const void* key, zt::Site here) {
     if (!table) return nullptr;
-    hashtable_entry** const chain = key ? chain_of(*table, key) : nullptr;
+    hashtable_entry** const chain = key ? chain_of(*table, key) : &empty_chain;
     Guard lock(lock_of<Guard>(*table), here);
     if constexpr (after == After::keep) lock.keep();
-    return chain ? value_in(*table, chain, key) : nullptr;
+    return value_in(*table, chain, key);
 }
 
 template <class Guard>
@@ -309,12 +316,12 @@ extern "C" int hashtable_init(hashtable* table, uint64_t size, uint8_t key_type)
     const zt::Site here{kModule, __func__};
 
     if (!table || size == 0) return -1;
-    void* const buckets = calloc(size, sizeof(hashtable_entry*));
+    hashtable_entry** const buckets = zt::allocate_zeroed<hashtable_entry*>(size);
     if (!buckets) {
         zt::report_call(here, "calloc");
         return -1;
     }
-    table->buckets = static_cast<hashtable_entry**>(buckets);
+    table->buckets = buckets;
     table->size = size;
     table->key_type = key_type;
     table->hash = hash_of_type(key_type);

@@ -43,7 +43,7 @@ void* release_node(queue_node* node) {
 
 // For all steps below the caller holds the lock.
 
-void link_at_tail(queue& q, queue_node* node) {
+inline void link_at_tail(queue& q, queue_node* node) {
     if (has(q, kTailLost)) [[unlikely]] {
         q.tail = q.head;
         while (q.tail->next) q.tail = q.tail->next;
@@ -57,7 +57,7 @@ void link_at_tail(queue& q, queue_node* node) {
 }
 
 // The former head, or null when the queue is empty.
-queue_node* unlink_head(queue& q) {
+inline queue_node* unlink_head(queue& q) {
     queue_node* const node = q.head;
     if (!node) return nullptr;
     q.head = node->next;
@@ -69,7 +69,7 @@ queue_node* unlink_head(queue& q) {
 }
 
 // Links the node and tells one waiter of either kind.
-void post(queue& q, queue_node* node) {
+inline void post(queue& q, queue_node* node) {
     link_at_tail(q, node);
     sem_post(&q.items);
     set(q, QUEUE_POSTED);

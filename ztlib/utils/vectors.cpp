@@ -1,9 +1,9 @@
 // Base64 of 24 bytes, in one vector (after W. Mula and D. Lemire, "Faster Base64 Encoding and
 // Decoding using AVX2 Instructions", 2018):
 //
-//     bytes     aaaaaabb bbbbcccc ccdddddd       12 bytes in each half of the vector
+//     bytes     aaaaaabb bbbbcccc ccdddddd             12 bytes in each half of the vector
 //     shuffle   bbbbcccc aaaaaabb ccdddddd bbbbcccc
-//     multiply  00aaaaaa 00bbbbbb 00cccccc 00dddddd    a shift of its own for each sextet
+//     multiply  00aaaaaa 00bbbbbb 00cccccc 00dddddd    each sextet by a shift of its own
 //     add       the distance from sextet to character, looked up by the sextet's range
 //
 // and back: look up by both halves of a character whether it is in the alphabet, subtract the
@@ -42,9 +42,15 @@ ZT_AVX2 inline __m256i at_most(__m256i value, char most) {
     return _mm256_cmpeq_epi8(_mm256_min_epu8(value, _mm256_set1_epi8(most)), value);
 }
 
-// 12 bytes at the front of each half -> 32 sextets.
+// 24 bytes: 12 at the front of the low half, 12 at the back of the high one.
+ZT_AVX2 inline __m256i load24(const unsigned char* at) {
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(load16(at)), load16(at + 8), 1);
+}
+
+// What load24() gives -> 32 sextets.
 ZT_AVX2 inline __m256i split_sextets(__m256i bytes) {
-    const __m256i order = both(_mm_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10));
+    const __m256i order = _mm256_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10,  //
+                                           5, 4, 6, 5, 8, 7, 9, 8, 11, 10, 12, 11, 14, 13, 15, 14);
     const __m256i words = _mm256_shuffle_epi8(bytes, order);
     const __m256i a_and_c = _mm256_mulhi_epu16(
         _mm256_and_si256(words, _mm256_set1_epi32(0x0FC0FC00)), _mm256_set1_epi32(0x04000040));
@@ -108,44 +114,67 @@ ZT_AVX2 inline bool to_nibbles(__m256i characters, __m256i& nibbles) {
     return _mm256_movemask_epi8(_mm256_or_si256(is_digit, is_letter)) == -1;
 }
 
+constexpr size_t kBase64Bytes = 24;  // in a block, and as characters:
+constexpr size_t kBase64Characters = 32;
+
+ZT_AVX2 inline void encode_base64_block(const unsigned char* data, char* out) {
+    store32(out, to_characters(split_sextets(load24(data))));
+}
+
+// Writes 32 bytes, of which the first 24 count.
+ZT_AVX2 inline bool decode_base64_block(const char* text, unsigned char* out) {
+    __m256i sextets;
+    if (!to_sextets(load32(text), sextets)) return false;
+    store32(out, join_sextets(sextets));
+    return true;
+}
+
+ZT_AVX2 inline void encode_hex_block(const unsigned char* bytes, char* out) {
+    const __m256i digits = both(load16("0123456789abcdef"));
+    const __m256i words = _mm256_cvtepu8_epi16(load16(bytes));
+    const __m256i high = _mm256_srli_epi16(words, 4);
+    const __m256i low = _mm256_slli_epi16(words, 8);
+    const __m256i nibbles = _mm256_and_si256(_mm256_or_si256(high, low), _mm256_set1_epi8(0x0F));
+    store32(out, _mm256_shuffle_epi8(digits, nibbles));
+}
+
 }  // namespace
 
 bool zt::vectors::available() { return __builtin_cpu_supports("avx2"); }
 
 ZT_AVX2 size_t zt::vectors::base64_encode(const unsigned char* data, size_t length, char* out) {
-    constexpr size_t kHalf = 12, kBlock = 2 * kHalf, kRead = kHalf + sizeof(__m128i);
     size_t done = 0;
-    for (; length - done >= kRead; done += kBlock, out += sizeof(__m256i)) {
-        const __m256i bytes = _mm256_inserti128_si256(_mm256_castsi128_si256(load16(data + done)),
-                                                      load16(data + done + kHalf), 1);
-        store32(out, to_characters(split_sextets(bytes)));
-    }
-    return done;
+    for (; length - done >= kBase64Bytes; done += kBase64Bytes)
+        encode_base64_block(data + done, out + done / 3 * 4);
+
+    const size_t whole = length / 3 * 3;
+    if (done == 0 || done == whole) return done;
+    encode_base64_block(data + whole - kBase64Bytes, out + (whole - kBase64Bytes) / 3 * 4);
+    return whole;
 }
 
 ZT_AVX2 size_t zt::vectors::base64_decode(const char* text, size_t length, unsigned char* out) {
-    constexpr size_t kBlock = sizeof(__m256i), kBytes = 24;
     size_t done = 0;
-    for (; length - done >= kBlock; done += kBlock, out += kBytes) {
-        __m256i sextets;
-        if (!to_sextets(load32(text + done), sextets)) break;
-        store32(out, join_sextets(sextets));
+    for (; length - done >= kBase64Characters; done += kBase64Characters)
+        if (!decode_base64_block(text + done, out + done / 4 * 3)) return done;
+    if (done == 0) return 0;
+
+    // The last group may be padded, then it is the caller's.
+    size_t end = length / 4 * 4;
+    for (int tries = 0; tries < 2 && end > done; ++tries, end -= 4) {
+        const size_t begin = end - kBase64Characters;
+        if (decode_base64_block(text + begin, out + begin / 4 * 3)) return end;
     }
     return done;
 }
 
 ZT_AVX2 size_t zt::vectors::hex_encode(const unsigned char* bytes, size_t length, char* out) {
-    const __m256i digits = both(load16("0123456789abcdef"));
     size_t done = 0;
-    for (; length - done >= kHexPairs; done += kHexPairs) {
-        const __m256i words = _mm256_cvtepu8_epi16(load16(bytes + done));
-        const __m256i high = _mm256_srli_epi16(words, 4);
-        const __m256i low = _mm256_slli_epi16(words, 8);
-        const __m256i nibbles =
-            _mm256_and_si256(_mm256_or_si256(high, low), _mm256_set1_epi8(0x0F));
-        store32(out + 2 * done, _mm256_shuffle_epi8(digits, nibbles));
-    }
-    return done;
+    for (; length - done >= kHexPairs; done += kHexPairs)
+        encode_hex_block(bytes + done, out + 2 * done);
+    if (done == 0 || done == length) return done;
+    encode_hex_block(bytes + length - kHexPairs, out + 2 * (length - kHexPairs));
+    return length;
 }
 
 ZT_AVX2 size_t zt::vectors::hex_decode(const char* hex, size_t pairs, unsigned char* out) {

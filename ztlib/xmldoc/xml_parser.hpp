@@ -28,8 +28,10 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 namespace zt::xml {
 

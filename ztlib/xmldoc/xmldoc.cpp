@@ -8,6 +8,7 @@
 
 #include <ztlib/base/failure.h>
 #include <ztlib/base/memory.h>
+#include <ztlib/buffers/buffer.h>
 #include <ztlib/xmldoc/xml_dump.hpp>
 #include <ztlib/xmldoc/xml_parser.hpp>
 #include <ztlib/xmldoc/xml_text.hpp>
@@ -21,7 +22,6 @@
 #include <initializer_list>
 #include <memory>
 #include <string_view>
-#include <utility>
 
 namespace {
 
@@ -198,18 +198,17 @@ bool add_attribute(xmldoc_node& node, const char* name, const char* value) {
     return true;
 }
 
-// All lines of the file, terminated; null when memory is out.
-Owned<char> read_lines(FILE* file) {
+// All lines of the file; null text where it has none. False when memory is out.
+bool read_lines(FILE* file, Owned<char>& text) {
     char* data = nullptr;
     unsigned capacity = 0;
     unsigned length = 0;
     char line[kLineRoom];
-    bool held = _xmldoc_buffer_append(&data, &capacity, &length, "", 0) == 0;
+    bool held = true;
     while (held && fgets(line, sizeof line, file))
-        held = _xmldoc_buffer_append(&data, &capacity, &length, line,
-                                     static_cast<int>(strlen(line))) == 0;
-    Owned<char> text(data);
-    return held ? std::move(text) : nullptr;
+        held = buffer_append(&data, &capacity, &length, line, static_cast<int>(strlen(line)));
+    text.reset(data);
+    return held;
 }
 
 }  // namespace
@@ -348,15 +347,16 @@ extern "C" xmldoc* xmldoc_parse_file(const char* path) {
         zt::report_call(here, "xmldoc_create()");
         return nullptr;
     }
-    const Owned<char> text = read_lines(file.get());
-    if (!text) return nullptr;
+    Owned<char> text;
+    if (!read_lines(file.get(), text)) return nullptr;
 
     const int code = xmldoc_parse(document.get(), text.get());
     if (code == 0) return document.release();
     zt::report(here, LOGGER_WARNING, "failed parse file %s", path);
     if (code == zt::xml::kNoMemory) return nullptr;
-    // Hosts see the address of the document that the end of this scope frees.
-    return document.get();
+    // The result is the address of the document that the end of this scope frees.
+    xmldoc* const stale = document.get();
+    return stale;
 }
 
 // --- writer -------------------------------------------------------------------------------------

@@ -164,7 +164,8 @@ int xmldoc_parse(xmldoc *document, const char *text);
 
 /* A document read from a file. Returns NULL
  *   - where the file cannot be opened (logs "fopen()(): <text of errno>"),
- *   - when memory is out (logs "xmldoc_create()(): <text of errno>" where it was the record),
+ *   - when memory is out (logs "xmldoc_create()(): <text of errno>" where it was for the document
+ *     itself; buffer_append() says on standard error where it was for the text),
  *   - where `path` is NULL.
  *
  * A file that does not parse logs "failed parse file <path>", and the result is then the address of a
