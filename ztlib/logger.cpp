@@ -13,8 +13,8 @@
 #include <cstring>
 #include <string_view>
 
-#include <syslog.h>
 #include <sys/syscall.h>
+#include <syslog.h>
 #include <unistd.h>
 
 uint8_t logger_to_syslog = 1;
@@ -31,10 +31,14 @@ uint8_t log_opened = 0;
 
 const char* level_word(uint8_t level) {
     switch (level) {
-        case LOGGER_ERROR: return "ERR:";
-        case LOGGER_WARNING: return "WARN:";
-        case LOGGER_INFO: return "INFO:";
-        default: return "";
+        case LOGGER_ERROR:
+            return "ERR:";
+        case LOGGER_WARNING:
+            return "WARN:";
+        case LOGGER_INFO:
+            return "INFO:";
+        default:
+            return "";
     }
 }
 
@@ -49,13 +53,13 @@ std::string_view base_name(const char* path) {
 }
 
 void open_system_log_once() {
-    if (zt::load(log_opened) || !zt::load(logger_to_syslog)) return;
+    if (zt::load(log_opened)) return;
     openlog(zt::load(logger_syslog_name), 0, LOG_DAEMON);
     zt::store(log_opened, uint8_t{1});
 }
 
-void emit(uint8_t level, const char* line) {
-    if (zt::load(logger_to_syslog)) syslog(level, "%s", line);
+void emit(uint8_t level, const char* line, bool to_syslog) {
+    if (to_syslog) syslog(level, "%s", line);
     if (zt::load(logger_to_stderr)) fputs(line, stderr);
     if (zt::load(logger_to_stdout)) fputs(line, stdout);
 }
@@ -67,7 +71,8 @@ extern "C" int logger_valog(int level, const char* file, const char* function, c
     const int saved_errno = errno;
     const auto level_byte = static_cast<uint8_t>(level);
 
-    open_system_log_once();
+    const bool to_syslog = zt::load(logger_to_syslog);  // once: never written to before it is open
+    if (to_syslog) open_system_log_once();
 
     char message[kPieceSize] = "";
     if (format) vsnprintf(message, sizeof message, format, arguments);
@@ -80,7 +85,7 @@ extern "C" int logger_valog(int level, const char* file, const char* function, c
     char line[kLineSize];
     snprintf(line, sizeof line, "%s p:%d, t:%d : %s\n", prefix, static_cast<int>(getpid()),
              static_cast<int>(syscall(SYS_gettid)), message);
-    emit(level_byte, line);
+    emit(level_byte, line, to_syslog);
 
     errno = saved_errno;
     return 0;

@@ -38,9 +38,9 @@ extern const char *logger_syslog_name;
 /* Writes one record.
  *   level     one of the values above; its low 8 bits are used
  *   file      source path of the caller, for example "./queue/queue"; only its last component is
- *             printed. Never written to.
- *   function  name of the calling function
- *   format    a printf format, then its arguments
+ *             printed ("." for an empty or null path, "/" for one of slashes alone). Never written to.
+ *   function  name of the calling function; null prints nothing
+ *   format    a printf format, then its arguments; "%n" only in a constant one
  * A null format prints an empty message. The result has no meaning.
  * Thread safety: any thread, no lock; each sink receives a record as one whole line, and nothing is
  * flushed. errno is preserved. */

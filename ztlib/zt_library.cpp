@@ -1,9 +1,8 @@
-// OpenSSL's own start-up and tear-down calls, in the order in which hosts have always had them. Most
-// of them do nothing on OpenSSL 1.1 and newer, which initialises and cleans up by itself.
+// OpenSSL's own start-up and tear-down calls, in the order in which hosts have always had them.
+// Most of them do nothing on OpenSSL 1.1 and newer, which initialises and cleans up by itself.
 
 #include <ztlib/zt_library.h>
 
-#include <openssl/conf.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>

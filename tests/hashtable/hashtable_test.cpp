@@ -17,6 +17,9 @@
 #include <thread>
 #include <vector>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 using namespace zt_test;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -604,7 +607,11 @@ TEST(HashTable, InsertWithoutMemoryChangesNothing) {
     for (int form = 0; form < 3; ++form) {
         expected.push_back(no_entry);
         expected.push_back("WARN:hashtable:hashtable_create_key: strdup(): Cannot allocate memory");
-        for (int type = 2; type <= 4; ++type) expected.push_back(no_entry);
+        for (int type = 2; type <= 4; ++type) {
+            expected.push_back(no_entry);
+            expected.push_back(
+                "WARN:hashtable:hashtable_create_key: malloc(): Cannot allocate memory");
+        }
     }
     EXPECT_EQ(log.lines(), expected);
 }
@@ -726,6 +733,35 @@ TEST(HashTable, EndsTheProcessWhenALockCannotBeMade) {
         EXPECT_EQ(at_set.status, 255);
         EXPECT_EQ(at_set.err, fatal_line("hashtable_set", call, EAGAIN));
     }
+}
+
+TEST(HashTable, AddsTheReaderWriterLockBeforeTheMutex) {
+    const ChildResult child = run_in_child([] {
+        hashtable* const table = hashtable_create_ex(4, kStrings, 0);
+        FailingCall no_rwlock("pthread_rwlock_init", EAGAIN);
+        FailingCall no_mutex("pthread_mutex_init", EAGAIN);
+        errno = ENOENT;
+        hashtable_set(table, kBoth);
+    });
+    EXPECT_EQ(child.err, fatal_line("hashtable_set", "pthread_rwlock_init", EAGAIN));
+}
+
+TEST(HashTable, FlushesASparseTableWithoutTouchingItsEmptyBuckets) {
+    const uint64_t buckets = uint64_t{1} << 24;
+    ScopedTable table(buckets, HASHTABLE_KEY_UINT64);
+    hashtable* const t = table;
+    const uint64_t key = 3;
+    ASSERT_EQ(hashtable_insert(t, &key, word(1), nullptr), 0);
+    hashtable_flush(t);
+
+    // The pages in the middle of the array were never written to.
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const auto middle = reinterpret_cast<uintptr_t>(t->buckets + buckets / 2) & ~(page - 1);
+    unsigned char resident[16];
+    ASSERT_EQ(mincore(reinterpret_cast<void*>(middle), sizeof resident * page, resident), 0);
+    EXPECT_THAT(resident, testing::Each(0));
+    EXPECT_EQ(t->buckets[3], nullptr);
+    EXPECT_EQ(t->count, 0u);
 }
 
 TEST(HashTable, PrintsAMutexThatCannotBeDestroyedAndGoesOn) {

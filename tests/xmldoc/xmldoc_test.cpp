@@ -7,15 +7,27 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 using namespace zt_test;
 using testing::ElementsAre;
@@ -706,6 +718,54 @@ TEST(XmldocParseFile, ReadsADocumentOfManyLines) {
 TEST(XmldocParseFile, ReadsAnEmptyFileAsAnEmptyDocument) {
     ScratchDirectory scratch;
     xmldoc* document = xmldoc_parse_file(scratch.write("empty", "").c_str());
+    ASSERT_NE(document, nullptr);
+    EXPECT_EQ(document->root, nullptr);
+    xmldoc_free(document, 1);
+}
+
+TEST(XmldocParseFile, GoesOnAfterAnInterruptedRead) {
+    ScratchDirectory scratch;
+    const std::string path = scratch / "fifo";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    struct sigaction interrupt {};
+    struct sigaction before {};
+    interrupt.sa_handler = [](int) {};  // without SA_RESTART: the read returns EINTR
+    ASSERT_EQ(sigaction(SIGUSR1, &interrupt, &before), 0);
+
+    std::atomic<xmldoc*> document{nullptr};
+    std::atomic<pid_t> reader_id{0};
+    std::thread reader([&] {
+        reader_id = static_cast<pid_t>(syscall(SYS_gettid));
+        document = xmldoc_parse_file(path.c_str());
+    });
+    const int writer = open(path.c_str(), O_WRONLY);
+    ASSERT_EQ(write(writer, "<a><b/>", 7), 7);
+    const auto reader_sleeps_in_read = [&] {
+        int unread = 1;
+        ioctl(writer, FIONREAD, &unread);
+        std::ifstream state("/proc/self/task/" + std::to_string(reader_id) + "/stat");
+        const std::string text(std::istreambuf_iterator<char>(state), {});
+        return unread == 0 && text.find(") S ") != text.npos;
+    };
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(eventually(reader_sleeps_in_read));
+        pthread_kill(reader.native_handle(), SIGUSR1);
+    }
+    ASSERT_EQ(write(writer, "<c/></a>\n", 9), 9);
+    close(writer);
+    reader.join();
+    sigaction(SIGUSR1, &before, nullptr);
+
+    ASSERT_NE(document.load(), nullptr);
+    ASSERT_NE(document.load()->root, nullptr);
+    EXPECT_NE(xmldoc_node_get(document.load()->root, "b"), nullptr);
+    EXPECT_NE(xmldoc_node_get(document.load()->root, "c"), nullptr);
+    xmldoc_free(document, 1);
+}
+
+TEST(XmldocParseFile, TakesADirectoryForAnEmptyDocument) {
+    ScratchDirectory scratch;
+    xmldoc* document = xmldoc_parse_file(scratch.path().c_str());
     ASSERT_NE(document, nullptr);
     EXPECT_EQ(document->root, nullptr);
     xmldoc_free(document, 1);

@@ -33,7 +33,10 @@ T* allocate_zeroed(size_t count = 1) {
 template <class T>
 T* allocate(size_t count) {
     size_t bytes;
-    if (__builtin_mul_overflow(count, sizeof(T), &bytes)) return nullptr;
+    if (__builtin_mul_overflow(count, sizeof(T), &bytes)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
     return static_cast<T*>(malloc(bytes));
 }
 

@@ -4,8 +4,7 @@
 //     table.last --> C --older--> B --older--> A        and back along `newer`
 //
 // A kind of key (struct Integer, struct String) knows its weight, from which the bucket follows,
-// how to compare, and how its entries are made and released. Everything else is the same for all
-// kinds.
+// how to compare, and how to copy itself. Everything else is the same for all kinds.
 //
 // The locking disciplines are wrappers around four steps: find, insert, detach and release. A
 // bucket depends on fields that never change, so wrappers choose it, and have its chain fetched
@@ -26,14 +25,6 @@ constexpr const char* kModule = "./hashtable/hashtable";
 
 // --- keys ----------------------------------------------------------------------------------------
 
-// A new entry without contents, or null (logged).
-template <class Entry>
-Entry* allocate_entry() {
-    Entry* const entry = zt::allocate<Entry>(1);
-    if (!entry) zt::report_call({kModule, "hashtable_insert_l"}, "malloc");
-    return entry;
-}
-
 template <class Number>
 struct Integer {
     static Number read(const void* key) {
@@ -51,22 +42,6 @@ struct Integer {
         }
         return memcpy(made, key, sizeof(Number));
     }
-
-    // One block for the entry and its key: a look-up touches one cache line less.
-    struct Entry : hashtable_entry {
-        Number number;
-    };
-    static bool holds(const hashtable_entry* entry, const void* key) {
-        return static_cast<const Entry*>(entry)->number == read(key);
-    }
-    static hashtable_entry* make_entry(const void* key) {
-        Entry* const entry = allocate_entry<Entry>();
-        if (!entry) return nullptr;
-        entry->number = read(key);
-        entry->key = &entry->number;
-        return entry;
-    }
-    static void release_entry(hashtable_entry* entry) { free(entry); }
 };
 
 struct String {
@@ -81,20 +56,6 @@ struct String {
         char* const made = strdup(read(key));
         if (!made) zt::report_call(here, "strdup");
         return made;
-    }
-
-    static bool holds(const hashtable_entry* entry, const void* key) {
-        return compare(entry->key, key) == 0;
-    }
-    static hashtable_entry* make_entry(const void* key) {
-        zt::Owned<hashtable_entry> entry(allocate_entry<hashtable_entry>());
-        if (!entry) return nullptr;
-        entry->key = copy(key, {kModule, "hashtable_create_key"});
-        return entry->key ? entry.release() : nullptr;
-    }
-    static void release_entry(hashtable_entry* entry) {
-        free(entry->key);
-        free(entry);
     }
 };
 
@@ -150,12 +111,22 @@ auto hash_of_type(uint8_t key_type) {
 
 // For the steps below the caller holds what guards the table.
 
+// An entry and its key are allocated one after the other, so the key usually lies right behind: it
+// is fetched while the entry itself is still on its way.
+inline const void* usual_place_of_key(const hashtable_entry* entry) {
+    constexpr size_t kBlockHeader = 8;
+    return reinterpret_cast<const char*>(entry + 1) + kBlockHeader;
+}
+
 // The link to the key's entry; the null link at the chain's end when the key is absent.
 [[gnu::always_inline]] inline hashtable_entry** find(const hashtable& table,
                                                      hashtable_entry** chain, const void* key) {
     return with_kind_of(table, [=](auto kind) {
         hashtable_entry** link = chain;
-        while (*link && !kind.holds(*link, key)) link = &(*link)->next;
+        for (hashtable_entry* entry; (entry = *link); link = &entry->next) {
+            __builtin_prefetch(usual_place_of_key(entry));
+            if (kind.compare(entry->key, key) == 0) break;
+        }
         return link;
     });
 }
@@ -164,6 +135,10 @@ auto hash_of_type(uint8_t key_type) {
                                              const void* key) {
     const hashtable_entry* const entry = *find(table, chain, key);
     return entry ? entry->value : nullptr;
+}
+
+void* copy_of_key(const hashtable& table, const void* key, zt::Site here) {
+    return with_kind_of(table, [=](auto kind) { return kind.copy(key, here); });
 }
 
 void append_to_order(hashtable& table, hashtable_entry* entry) {
@@ -183,7 +158,13 @@ void take_from_order(hashtable& table, const hashtable_entry* entry) {
 
 // A new entry that is not linked yet, or null.
 hashtable_entry* make_entry(const hashtable& table, const void* key) {
-    return with_kind_of(table, [=](auto kind) { return kind.make_entry(key); });
+    zt::Owned<hashtable_entry> entry(zt::allocate<hashtable_entry>(1));
+    if (!entry) {
+        zt::report_call({kModule, "hashtable_insert_l"}, "malloc");
+        return nullptr;
+    }
+    entry->key = copy_of_key(table, key, {kModule, "hashtable_create_key"});
+    return entry->key ? entry.release() : nullptr;
 }
 
 int insert(hashtable& table, hashtable_entry** chain, const void* key, void* value,
@@ -216,8 +197,10 @@ hashtable_entry* detach(hashtable& table, hashtable_entry** chain, const void* k
 }
 
 // Releases an entry that is no longer linked; null is ignored.
-void release_entry(const hashtable& table, hashtable_entry* entry) {
-    if (entry) with_kind_of(table, [=](auto kind) { kind.release_entry(entry); });
+void release_entry(hashtable_entry* entry) {
+    if (!entry) return;
+    free(entry->key);
+    free(entry);
 }
 
 // --- forms ---------------------------------------------------------------------------------------
@@ -263,7 +246,7 @@ int remove_under(hashtable* table, const void* key, zt::Site here) {
         Guard lock(lock_of<Guard>(*table), here);
         entry = detach(*table, chain, key);
     }
-    release_entry(*table, entry);
+    release_entry(entry);
     return 0;
 }
 
@@ -330,10 +313,15 @@ extern "C" int hashtable_init(hashtable* table, uint64_t size, uint8_t key_type)
 }
 
 extern "C" int hashtable_set(hashtable* table, int lock_mode) {
+    const zt::Site here{kModule, __func__};
+
     if (!table) return 0;
-    const int added = lock_mode & ~table->lock_mode & (HASHTABLE_MUTEX | HASHTABLE_RWLOCK);
-    table->lock_mode |= static_cast<uint8_t>(added);
-    make_locks(*table, added, {kModule, __func__});
+    const int missing = lock_mode & ~table->lock_mode;
+    for (const int lock : {HASHTABLE_RWLOCK, HASHTABLE_MUTEX}) {
+        if (!(missing & lock)) continue;
+        table->lock_mode |= static_cast<uint8_t>(lock);
+        make_locks(*table, lock, here);
+    }
     return 0;
 }
 
@@ -354,7 +342,7 @@ extern "C" int hashtable_insert_rw(hashtable* table, const void* key, void* valu
 }
 
 extern "C" void hashtable_remove_l(hashtable* table, const void* key) {
-    if (table && key) release_entry(*table, detach(*table, chain_of(*table, key), key));
+    if (table && key) release_entry(detach(*table, chain_of(*table, key), key));
 }
 
 extern "C" int hashtable_remove(hashtable* table, const void* key) {
@@ -393,15 +381,18 @@ extern "C" void hashtable_flush(hashtable* table) { hashtable_flush_ref(table, n
 
 extern "C" void hashtable_flush_ref(hashtable* table, void (*release)(void* value)) {
     if (!table || !table->buckets) return;
-    for (uint64_t bucket = 0; bucket < table->size; ++bucket) {
+    // A bucket that is empty is not written to: the pages of a sparse table stay unmade.
+    uint64_t left = table->count;
+    for (uint64_t bucket = 0; left > 0 && bucket < table->size; ++bucket) {
         hashtable_entry* entry = table->buckets[bucket];
-        while (entry) {
-            hashtable_entry* const next = entry->next;
-            if (release) release(entry->value);
-            release_entry(*table, entry);
-            entry = next;
-        }
+        if (!entry) continue;
         table->buckets[bucket] = nullptr;
+        for (hashtable_entry* next; entry; entry = next, --left) {
+            next = entry->next;
+            free(entry->key);
+            if (release) release(entry->value);
+            free(entry);
+        }
     }
     table->last = nullptr;
     table->count = 0;
@@ -444,7 +435,8 @@ extern "C" uint64_t hashfunc_uint64(const hashtable* table, const void* key) {
 
 extern "C" int hashtable_compare_keys(const hashtable* table, const void* key_a,
                                       const void* key_b) {
-    if (!table || !key_a || !key_b) return key_a != key_b;
+    if (!table) return 0;
+    if (!key_a || !key_b) return key_a != key_b;
     return with_kind_of(*table, [=](auto kind) { return kind.compare(key_a, key_b); });
 }
 
@@ -452,5 +444,5 @@ extern "C" void* hashtable_create_key(const hashtable* table, const void* key) {
     const zt::Site here{kModule, __func__};
 
     if (!table || !key) return nullptr;
-    return with_kind_of(*table, [=](auto kind) { return kind.copy(key, here); });
+    return copy_of_key(*table, key, here);
 }

@@ -33,7 +33,8 @@
  * (<code>)" on standard error and ends it with exit(-1).
  *
  * A NULL table is ignored: pointers come back NULL, hashtable_init and the inserts return -1, the
- * rest does nothing and returns 0. A NULL key is absent. */
+ * rest does nothing and returns 0. A NULL key is absent; the forms that return with a lock held take
+ * it for a NULL key too (for a NULL table there is none to take). */
 #ifndef ZTLIB_HASHTABLE_HASHTABLE_H
 #define ZTLIB_HASHTABLE_HASHTABLE_H
 
@@ -77,12 +78,12 @@ hashtable *hashtable_create_ex(uint64_t size, uint8_t key_type, int lock_mode);
 
 /* Prepares a table in the caller's own storage: zeroed, but for `lock_mode`, which says which locks
  * to make and is set before this call (or later, through hashtable_set). Returns 0, or -1 with the
- * record as it was: `size` is 0, or the buckets cannot be allocated
- * ("calloc(): ..." logged as a warning). */
+ * record as it was: `size` is 0 (nothing is logged), or the buckets cannot be allocated ("calloc():
+ * ..." logged as a warning). */
 int hashtable_init(hashtable *table, uint64_t size, uint8_t key_type);
 
-/* Adds locks to a table that nobody else uses yet: makes each of `lock_mode` that is not there. 0.
- */
+/* Adds locks to a table that nobody else uses yet: makes each of `lock_mode` that is not there, the
+ * reader/writer lock first. Returns 0. */
 int hashtable_set(hashtable *table, int lock_mode);
 
 /* Binds `value` to `key`. A key that is there keeps its entry and its place in the order of

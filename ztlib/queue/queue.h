@@ -14,7 +14,8 @@
  * the lock held already.
  *
  * A NULL value is stored like any other, and cannot be told from "nothing there" when it comes out.
- * A NULL queue is ignored: functions that return a pointer give NULL, without a lock.
+ * A NULL queue is ignored: functions that return a pointer give NULL, without a lock, queue_init
+ * gives -1. A NULL function (to keep, to print) does nothing.
  *
  * A mutex that cannot be taken ends the process with 1 (pthread_utils.h); one that cannot be made
  * or released prints "./queue/queue:<function>: <call>(): <text of errno> (<code>)" on standard

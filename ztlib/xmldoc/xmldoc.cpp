@@ -9,6 +9,7 @@
 #include <ztlib/base/failure.h>
 #include <ztlib/base/memory.h>
 #include <ztlib/buffers/buffer.h>
+#include <ztlib/xmldoc/line_reader.hpp>
 #include <ztlib/xmldoc/xml_dump.hpp>
 #include <ztlib/xmldoc/xml_parser.hpp>
 #include <ztlib/xmldoc/xml_text.hpp>
@@ -32,7 +33,7 @@ constexpr const char* kModule = "./xmldoc/xmldoc";
 constexpr size_t kFormatRoom = 1500;  // of one formatted piece, its terminator included
 constexpr size_t kPieceLimit = kFormatRoom - 1;
 constexpr size_t kGrowthSlack = 750;
-constexpr int kLineRoom = 1500;  // of one read from a file, terminator included
+constexpr size_t kLineRoom = 1500;  // of one read from a file, terminator included
 
 struct Narrow {
     using Char = char;
@@ -205,7 +206,7 @@ bool read_lines(FILE* file, Owned<char>& text) {
     unsigned length = 0;
     char line[kLineRoom];
     bool held = true;
-    while (held && fgets(line, sizeof line, file))
+    while (held && zt::xml::read_line(file, line))
         held = buffer_append(&data, &capacity, &length, line, static_cast<int>(strlen(line)));
     text.reset(data);
     return held;

@@ -137,7 +137,7 @@ char *xmldoc_node_attr_get_value(const xmldoc_node *node, const char *name);
  *     its entities decoded (see _xmldoc_value_escape()). Text behind a child element is dropped, as
  *     is text in front of the first tag.
  *   - A tag that ends in "?>" is the declaration, and keeps the '?' in front of its name: "?xml".
- *     It is met with -17 where the document has one and the tag has attributes, else with -20.
+ *     Where the document has one already: -17 if the '?' follows an attribute's value, else -20.
  *   - Elements that are still open at the end are no error.
  *
  * Returns 0, or
@@ -153,7 +153,7 @@ char *xmldoc_node_attr_get_value(const xmldoc_node *node, const char *name);
  *   -9   text ends inside an attribute name   -19  element text not followed by '<'
  *   -10  ... or after it                      -20  second declaration
  *   -11  no '=' after an attribute name       -30  entity decoding failed
- *   -31  a name of more than 1,023 characters
+ *   -31  a name of more than 1,023 characters, a closing tag's too
  *   -32  memory is out
  *
  * What was built before the failure stays in the document, except after -32: then the document is
@@ -167,6 +167,10 @@ int xmldoc_parse(xmldoc *document, const char *text);
  *   - when memory is out (logs "xmldoc_create()(): <text of errno>" where it was for the document
  *     itself; buffer_append() says on standard error where it was for the text),
  *   - where `path` is NULL.
+ *
+ * The file is read in lines, of which up to 1,499 bytes count as one piece; a zero byte hides the rest
+ * of its piece. A read that fails counts as the end of the file (a directory is an empty document), one
+ * that is interrupted goes on.
  *
  * A file that does not parse logs "failed parse file <path>", and the result is then the address of a
  * document that is freed already: not NULL, and not to be used. Only the message tells; where memory
@@ -227,7 +231,8 @@ void _xmldoc_attr_value_normalize_s2(char *value);
  *
  * A body that only starts with one of the five names counts as that name, and as many bytes are
  * removed as the name and its ';' have ("&ampx;" becomes "&;"). A number is read as strtol() reads
- * it; one that comes to 0 ends the string. Any other entity is left as it stands.
+ * it; one that comes to 0 ends the string, but what stands behind it is decoded all the same and can
+ * still fail. Any other entity is left as it stands.
  *
  * Returns 0; -2 where an '&' has no ';' behind it, -3 where more than 10 characters lie between them:
  * what is in front of that '&' is decoded then, the rest stands. A null text is -1. */
