@@ -27,12 +27,6 @@ using testing::IsEmpty;
 
 namespace {
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-
 // Closed until it is opened.
 class Gate {
   public:
@@ -648,8 +642,9 @@ TEST(NetThreadPool, RefusesAnInvitationWhenNoThreadCanBeHad) {
     EXPECT_TRUE(eventually([&] { return connection.released(); }));
 }
 
+// Two thousand threads are too many for a sanitizer: this one belongs to the other builds.
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
 TEST(NetThreadPool, ServesAsManyInvitationsAtOnceAsItMayHaveThreads) {
-    if (kSanitized) GTEST_SKIP() << "two thousand threads are too many for a sanitizer";
     constexpr size_t kThreads = 5 + 1990;  // indexes 5 to 9 stay empty
     CapturedLog log;
     Pool pool;
@@ -683,6 +678,7 @@ TEST(NetThreadPool, ServesAsManyInvitationsAtOnceAsItMayHaveThreads) {
     EXPECT_TRUE(eventually([&] { return pool.idle_threads() == kThreads; }));
     EXPECT_EQ(netthreadpool_invite_read(node), 0);
 }
+#endif
 
 TEST(NetThreadPool, BlocksSigpipeInItsThreads) {
     Pool pool;

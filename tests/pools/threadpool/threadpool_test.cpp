@@ -342,6 +342,7 @@ TEST_F(ThreadPool, WithoutNodesPrintsItsLineAndSleepsUntilTheNextAdoption) {
 
 TEST_F(ThreadPool, AdoptsANodeWithAFirstTurn) {
     start(1);
+    ASSERT_TRUE(prints("threadpool_read_routine sem_wait id:0"));
     Connection& c = connection();
     threadpool_thread* seen = nullptr;
     c.on_add = [&](threadpool_node* node) {
