@@ -259,6 +259,29 @@ TEST(NetBufferFree, ReturnsOnlyOnceTheWaiterHasLeft) {
     }
 }
 
+TEST(NetBufferFree, ReturnsOnlyOnceEveryWaiterHasLeft) {
+    CapturedStderr err;
+    for (int round = 0; round < 50; ++round) {
+        net_buffer* const b = net_buffer_create(1);
+        std::atomic<int> left{0};
+        std::vector<std::thread> waiters;
+        for (int i = 0; i < 3; ++i)
+            waiters.emplace_back([&] {
+                if (net_buffer_wait(b) == -1) ++left;
+            });
+        ASSERT_TRUE(eventually([&] {
+            pthread_mutex_lock(&b->mutex);
+            const bool all_wait = b->flags == (NET_BUFFER_WAITABLE | NET_BUFFER_WAITING | 512);
+            pthread_mutex_unlock(&b->mutex);
+            return all_wait;
+        }));
+        net_buffer_free(b, 1);
+        for (std::thread& waiter : waiters) waiter.join();
+        EXPECT_EQ(left, 3);
+    }
+    EXPECT_EQ(err.text(), "");
+}
+
 TEST(NetBufferFree, FailsEveryLaterWait) {
     net_buffer b;
     net_buffer_init(&b, kWaitable);

@@ -73,7 +73,7 @@ int buffer_remove(char **data, unsigned *capacity, unsigned *length, int n);
  * for itself by the same growth rule and is printed again.
  *
  * Returns the data, which may have moved. When memory is out (the line of buffer_make_room() is
- * printed) a text that fits the room in hand is appended all the same, and nothing changes for one
+ * printed) a text that fits the room in hand is appended all the same, and the text stays for one
  * that does not, nor for one that the C library cannot print. A null argument gives NULL. */
 char *buffer_vsnprintf(char **data, unsigned *capacity, unsigned *length, const char *format, ...)
     ZT_PRINTF_LIKE(4, 5);

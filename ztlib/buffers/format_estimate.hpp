@@ -69,11 +69,11 @@ const Char* skip_conversion(const Char* at, Arguments& arguments) {
     if (*at == '.') at = skip_field(at + 1, arguments);
 
     bool is_long_double = false;
-    for (; is_one_of(*at, "hlLqjzt"); ++at)
+    for (; is_one_of(*at, "hlLqjzZt"); ++at)
         is_long_double |= is_one_of(*at, "Lq") || (at[0] == 'l' && at[1] == 'l');
 
     if (!*at) return at;
-    if (is_one_of(*at, "diouxXcCsSpn"))
+    if (is_one_of(*at, "bBdiouxXcCsSpn"))
         arguments.skip_slot();
     else if (is_one_of(*at, "aAeEfFgG"))
         is_long_double ? arguments.skip_long_double() : arguments.skip_double();

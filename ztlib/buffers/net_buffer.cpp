@@ -5,6 +5,9 @@
 // has taken back its WAITING mark. The waiter signals that as the last thing that it does under the
 // lock, so nobody is left inside when mutex and condition are destroyed. Free takes WAITABLE back
 // as well: what stays of the record answers a later wait or post without touching either.
+//
+// One thread is meant to wait. Should there be more, WAITING stays until the last one leaves: those
+// beside the first are counted in bits of `flags` that mean nothing else.
 
 #include <ztlib/buffers/net_buffer.h>
 
@@ -12,6 +15,7 @@
 #include <ztlib/base/failure.h>
 #include <ztlib/base/lock.h>
 #include <ztlib/base/memory.h>
+#include <ztlib/base/stderr_block.h>
 #include <ztlib/buffers/buffer.h>
 
 #include <cerrno>
@@ -22,6 +26,7 @@ namespace {
 constexpr const char* kModule = "./buffers/net_buffer";
 
 constexpr unsigned kFirstCapacity = 2048;
+constexpr uint32_t kFurtherWaiter = 256;  // one in the count of waiters beside the first
 
 using Lock = zt::BasicLock<zt::fatal_call_errno>;
 
@@ -38,7 +43,17 @@ void post(net_buffer& b) {
     pthread_cond_signal(&b.condition);
 }
 
-void release_waiter(net_buffer& b) {
+void announce_waiter(net_buffer& b) {
+    zt::store(b.flags, has(b, NET_BUFFER_WAITING) ? b.flags + kFurtherWaiter
+                                                  : b.flags | uint32_t{NET_BUFFER_WAITING});
+}
+
+void withdraw_waiter(net_buffer& b) {
+    zt::store(b.flags, b.flags >= kFurtherWaiter ? b.flags - kFurtherWaiter
+                                                 : b.flags & ~uint32_t{NET_BUFFER_WAITING});
+}
+
+void release_waiters(net_buffer& b) {
     if (!has(b, NET_BUFFER_WAITABLE)) return;
     pthread_cond_broadcast(&b.condition);
     while (has(b, NET_BUFFER_WAITING)) pthread_cond_wait(&b.condition, &b.mutex);
@@ -92,7 +107,7 @@ extern "C" void net_buffer_free(net_buffer* b, int free_record) {
     Lock lock(b->mutex, here);
     const bool waitable = is_waitable(*b);
     set(*b, NET_BUFFER_FREED);
-    release_waiter(*b);
+    release_waiters(*b);
     clear(*b, NET_BUFFER_WAITABLE);
     lock.unlock();
 
@@ -120,13 +135,14 @@ extern "C" int net_buffer_wait(net_buffer* b) {
     if (!is_waitable(*b)) return -1;
 
     Lock lock(b->mutex, {kModule, __func__});
-    set(*b, NET_BUFFER_WAITING);
+    announce_waiter(*b);
     while (!has(*b, NET_BUFFER_POSTED | NET_BUFFER_FREED))
         pthread_cond_wait(&b->condition, &b->mutex);
-    clear(*b, NET_BUFFER_POSTED | NET_BUFFER_WAITING);
+    clear(*b, NET_BUFFER_POSTED);
+    withdraw_waiter(*b);
 
     if (!has(*b, NET_BUFFER_FREED)) return 0;
-    pthread_cond_signal(&b->condition);  // to net_buffer_free(), if it is there
+    pthread_cond_broadcast(&b->condition);  // to other waiters, and to net_buffer_free()
     return -1;
 }
 
@@ -184,9 +200,10 @@ extern "C" void net_buffer_dump(net_buffer* b) {
     if (!b) return;
     fprintf(stderr, "- dumping net buffer %p - %d bytes len -\n", static_cast<void*>(b),
             static_cast<int>(b->capacity));
+    zt::StderrBlock out;
     for (unsigned i = 0; i < b->length; ++i)
-        fprintf(stderr, " %u ", static_cast<unsigned char>(b->data[i]));
-    fputc('\n', stderr);
+        out.print(" %u ", static_cast<unsigned char>(b->data[i]));
+    out.print("\n");
 }
 
 extern "C" int _net_buffer_add(net_buffer* b, const void* src, unsigned n) {

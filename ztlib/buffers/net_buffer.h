@@ -12,13 +12,15 @@
  *
  * Thread safety: any number of threads add, remove and reset; one thread waits (the wake-up is for
  * one: a second waiter may sleep until the next post). Every int function gives -2 for a null
- * buffer.
+ * buffer. "Memory is out" also means a null source of more than 0 bytes, and a size that does not fit
+ * its 32 bits or 2^31; a failed growth prints its line on standard error, as buffer.h says.
  *
  * A mutex that cannot be taken ends the process through pthread_utils_mutex_lock(); one that cannot
  * be made or released prints
  *     ./buffers/net_buffer:<function>: <call>(): <text of errno> (<number>)
- * on standard error and ends it with exit(-1). The number is the call's result for
- * pthread_mutex_init and errno for pthread_mutex_unlock. */
+ * on standard error and ends it with exit(-1); one that cannot be destroyed prints it and the call goes
+ * on. The number is the call's result for pthread_mutex_init and pthread_mutex_destroy, and errno for
+ * pthread_mutex_unlock. */
 #ifndef ZTLIB_BUFFERS_NET_BUFFER_H
 #define ZTLIB_BUFFERS_NET_BUFFER_H
 
@@ -42,6 +44,7 @@ enum {
     NET_BUFFER_FREED = 2,    /* torn down, or marked so: every wait fails */
     NET_BUFFER_POSTED = 4,   /* posted since the last wait returned */
     NET_BUFFER_WAITING = 8   /* a thread is in the wait */
+    /* the bits from 256 on are the buffer's own */
 };
 
 /* A new buffer with room for 2048 bytes, waitable if `waitable` is non-zero. NULL when memory is
@@ -52,7 +55,7 @@ net_buffer *net_buffer_create(int waitable);
  * the condition cannot be made: nothing is left to release then. */
 int net_buffer_init(net_buffer *b, int waitable);
 
-/* Fails the thread that waits, if one does, and returns only once it has left with -1; then
+/* Fails every thread that waits, and returns only once all have left with -1; then
  * releases the bytes, the mutex and the condition, and the record too if `free_record` is non-zero.
  * A record that stays fails every later wait with -1; nothing else may be done with it but
  * net_buffer_init(). A mutex that cannot be destroyed is printed as above, and the function goes
@@ -80,7 +83,8 @@ int net_buffer_add(net_buffer *b, const void *src, unsigned n);
 int net_buffer_begin_add(net_buffer *b, const void *src, unsigned n);
 int net_buffer_end_add(net_buffer *b, const void *src, unsigned n);
 
-/* Drops the first `n` bytes. Returns 0, or -3, with nothing changed, when there are fewer. */
+/* Drops the first `n` bytes. Returns 0, or -3, with nothing changed, when there are fewer and
+ * for a count of 2^31 or more. */
 int net_buffer_remove(net_buffer *b, unsigned n);
 
 /* Drops all bytes; the room stays. Returns 0. */

@@ -7,6 +7,7 @@
 
 #include <ztlib/base/failure.h>
 #include <ztlib/base/memory.h>
+#include <ztlib/base/stderr_block.h>
 #include <ztlib/utils/hex.hpp>
 #include <ztlib/utils/vectors.hpp>
 
@@ -22,8 +23,7 @@ namespace {
 
 constexpr const char* kModule = "./utils/converters";
 
-// --- hexadecimal
-// ----------------------------------------------------------------------------------
+// --- hexadecimal ---------------------------------------------------------------------------------
 
 constexpr char kDigits[] = "0123456789abcdef";
 constexpr uint8_t kNoDigit = 0xFF;
@@ -53,8 +53,7 @@ unsigned char read_pair(const char* pair) {
     return static_cast<unsigned char>(high << 4 | low);
 }
 
-// --- integers in network order
-// ----------------------------------------------------------------------
+// --- integers in network order -------------------------------------------------------------------
 
 template <class Integer>
 Integer network_order(Integer value) {
@@ -79,8 +78,7 @@ void write_network_order(Integer value, void* destination) {
     memcpy(destination, &value, sizeof value);
 }
 
-// --- decimal
-// ----------------------------------------------------------------------------------------
+// --- decimal -------------------------------------------------------------------------------------
 
 constexpr unsigned kSharedTextSize = 128;
 
@@ -96,8 +94,7 @@ wchar_t* print_decimal(uint64_t value, wchar_t* destination, unsigned size) {
     return destination;
 }
 
-// --- narrow and wide
-// ----------------------------------------------------------------------------------
+// --- narrow and wide -----------------------------------------------------------------------------
 
 // The two directions of the locale's conversion differ in names and in whether the terminator goes
 // along.
@@ -196,10 +193,11 @@ extern "C" int bytecmp(const void* a, const void* b, int length) {
 
 extern "C" void dump_array(const void* bytes, unsigned length) {
     if (!bytes && length != 0) return;
-    fputs("dump: ", stderr);
+    zt::StderrBlock out;
+    out.print("dump: ");
     for (unsigned i = 0; i < length; ++i)
-        fprintf(stderr, "%02X ", static_cast<const unsigned char*>(bytes)[i]);
-    fputc('\n', stderr);
+        out.print("%02X ", static_cast<const unsigned char*>(bytes)[i]);
+    out.print("\n");
 }
 
 extern "C" uint16_t be_byte2uint16(const void* bytes, int start) {

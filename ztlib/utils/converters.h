@@ -73,7 +73,8 @@ unsigned char *base64decode_(const char *text, unsigned length, unsigned *out_le
  * it. */
 char *base64encode(const void *data, unsigned length);
 
-/* Encodes in lines of 64 characters, with a newline between them and none at the end. */
+/* Encodes in lines of 64 characters, with a newline between them and none at the end. To decode a
+ * text of one line with _base64decode(), put its newline behind it first. */
 char *_base64encode(const void *data, unsigned length);
 
 /* Decodes a text of one line (base64decode) or in lines (_base64decode). Returns the bytes,

@@ -1,0 +1,39 @@
+// Many small pieces for standard error, which has no buffer of its own, in few writes.
+#pragma once
+
+#include <cstdarg>
+#include <cstdio>
+
+namespace zt {
+
+// Collects pieces and writes them a block at a time, the last at the end of the scope.
+class StderrBlock {
+  public:
+    StderrBlock() = default;
+    ~StderrBlock() { flush(); }
+    StderrBlock(const StderrBlock&) = delete;
+    StderrBlock& operator=(const StderrBlock&) = delete;
+
+    // A piece has at most kPiece bytes.
+    __attribute__((format(printf, 2, 3))) void print(const char* format, ...) {
+        if (used_ + kPiece > sizeof block_) flush();
+        va_list arguments;
+        va_start(arguments, format);
+        const int printed = vsnprintf(block_ + used_, kPiece, format, arguments);
+        va_end(arguments);
+        if (printed > 0) used_ += static_cast<size_t>(printed) < kPiece ? printed : kPiece - 1;
+    }
+
+  private:
+    static constexpr size_t kPiece = 16;
+
+    void flush() {
+        fwrite(block_, 1, used_, stderr);
+        used_ = 0;
+    }
+
+    char block_[1024];
+    size_t used_ = 0;
+};
+
+}  // namespace zt
