@@ -36,6 +36,7 @@ constexpr const char* kModule = "./pools/threadpool/netthreadpool";
 
 constexpr uint32_t kStarted = 5;
 constexpr uint32_t kFirstCount = 10;
+constexpr uint32_t kManyBusy = 20;  // threads; from there on throughput counts more than one answer
 
 // --- the tables ----------------------------------------------------------------------------------
 
@@ -204,11 +205,13 @@ void go_idle(netthreadpool_thread& self, Site here) {
     if (std::exchange(self.awaited, 0u)) pthread_cond_broadcast(&self.returned);
 }
 
-// One turn for the other threads before this one sleeps. Whoever was about to invite takes the
-// lowest idle thread, often the one that has just come back; it is then still awake, and nobody has
-// to wake it.
+// In a pool with many busy threads, one turn for the others before this one sleeps: whoever was about
+// to invite takes the lowest idle thread, often the one that has just come back, and finds it awake.
+// That spares a wake-up for nearly every answer of a busy server, and costs where other programs want
+// the same processors: a thread that has yielded waits for its next turn, a woken one does not. The
+// lowest idle thread is always taken first, so a thread's index tells how many are busy.
 void linger(const netthreadpool_thread& self) {
-    if (!zt::load(self.node)) sched_yield();
+    if (self.index >= kManyBusy && !zt::load(self.node)) sched_yield();
 }
 
 void* netthreadpool_thread_routine(void* argument) {
@@ -374,7 +377,7 @@ extern "C" void netthreadpool_free(netthreadpool* pool, int free_record) {
 
     await_idleness(*pool, here);
     netthreadpool_stop(pool);
-    for (uint32_t i = 0; i < pool->node_count; ++i) {
+    for (uint32_t i = 0; i < NETTHREADPOOL_MAX_NODES; ++i) {  // a host may use any index
         netthreadpool_node_destroy(pool->free_nodes[i], 1);
         netthreadpool_node_destroy(pool->busy_nodes[i], 1);
     }

@@ -145,11 +145,12 @@ int netthreadpool_start(netthreadpool *pool);
  * that is on its way back (it may be in its node's release routine) is waited for: once every routine
  * has returned, no thread of the pool is alive after this call. Nodes are not freed. An invitation
  * that comes later starts a new thread.
- * Called from a release routine, it leaves that thread itself alone. */
+ * So the caller holds no lock that a release routine takes. Called from a release routine, it leaves
+ * that thread itself alone. */
 void netthreadpool_stop(netthreadpool *pool);
 
-/* An idle node, now marked busy; its user pointer is NULL and its routines are those of its last
- * connection. The lowest free index wins; when none is free a node is made at index node_count
+/* An idle node, now marked busy; its user pointer is NULL (unless a host has put the node back with
+ * one) and its routines are those of its last connection. The lowest free index wins; when none is free a node is made at index node_count
  * (logged as a warning: "create node idx <n>"). The caller gives it a user pointer and routines, then
  * invites it; or puts it back with netthreadpool_return_node().
  * NULL for a null pool, when memory is out, and at the limit, which is logged as an error:
@@ -171,8 +172,8 @@ int netthreadpool_return_node(netthreadpool *pool, netthreadpool_node *node);
 netthreadpool_node *netthreadpool_node_create(netthreadpool *pool, unsigned index);
 
 /* Takes the node out of its pool's tables and destroys its mutex (a failure is printed and passed
- * over); frees the record if `free_record` is non-zero. The node has no outstanding invitation. NULL
- * is ignored. */
+ * over); frees the record if `free_record` is non-zero. The node has no outstanding invitation and its
+ * pool is still there. NULL is ignored. */
 void netthreadpool_node_destroy(netthreadpool_node *node, int free_record);
 
 /* A started thread with its index, in no table: asleep until it is given a node. It blocks SIGPIPE,

@@ -37,13 +37,17 @@
  * routines, and never by close(): the release routine closes. It runs with the node's mutex held:
  * it sends nothing on the connection and takes no lock under which others send.
  * If the invitation to read fails (-1), nothing was started: the host undoes the steps itself, with
- * the body of its release routine and netthreadpool_return_node().
+ * the body of its release routine, node->user_pointer = NULL and netthreadpool_return_node().
  *
  * The callback's connection is alive for the length of the callback. A host that sends from other
  * threads keeps the record alive for them with a count of its own: the release routine then closes
  * the socket and gives up its reference, and whoever gives up the last destroys and frees the record.
- * A send to a connection that was released, on a record that is still alive, queues its frame and
- * does nothing else: it never reaches the node's next connection.
+ * A send to a connection that was released, on a record and in a pool that are still alive, queues its
+ * frame and does nothing else: it never reaches the node's next connection.
+ *
+ * An answer goes out as long as the connection's reading has not ended. What is queued when it ends (by
+ * a callback's result, or because the peer closed or half-closed) is sent only if the write routine
+ * runs already; a peer that wants its last answer keeps its side open until it has it.
  *
  * A frame length below 4 or above SIMPLE_XML_MAX_FRAME, and more than that (and one chunk) of
  * received bytes waiting, end a connection with a line on standard error and -1, before anything is
@@ -94,14 +98,16 @@ void simple_xml_proto_destroy(simple_xml_proto *connection);
  * write routine runs is sent by it before it ends: no answer waits for the next one.
  * Returns 0: the frame is queued whole (also when the invitation failed for want of a thread; then it
  * goes out with the next). -1: nothing was queued, because memory is out or an argument is NULL.
- * Thread safety: any thread, while the record lives. */
+ * Thread safety: any thread, while the record and its pool live. The output buffer is the protocol's: a
+ * host may look at its length under its mutex, and does not reset it. */
 int simple_xml_proto_send(simple_xml_proto *connection, xmldoc *document);
 
 /* Appends the document as one frame to any net buffer; no invitation. Results as above. */
 int simple_xml_proto_netbuff_send(net_buffer *sink, xmldoc *document);
 
-/* Sends the document as one frame on a plain socket, and blocks until it is sent. SIGPIPE is blocked
- * meanwhile on the calling thread. Returns 0; -1 when a send returned 0 or failed (errno tells; a
+/* Sends the document as one frame on a plain socket, and blocks until it is sent: the 4 length bytes
+ * first, then the text. On a TCP socket set TCP_NODELAY, or the text waits for the peer to acknowledge
+ * the length. SIGPIPE is blocked meanwhile on the calling thread. Returns 0; -1 when a send returned 0 or failed (errno tells; a
  * part may have been sent), when memory is out or the document is NULL. */
 int simple_xml_proto_sock_send(int socket, xmldoc *document);
 
@@ -127,7 +133,8 @@ int simple_xml_proto_sock_recv(int socket, xmldoc **document);
  *                                                                 skipped, the connection goes on
  *     ERROR processing_xml : <result>                             the callback's; the reading ends
  * Returns -1 if the last receive or callback result was below 1 (the peer closed, say), else 0; -1
- * when memory is out or a bound is exceeded.
+ * when received bytes cannot be stored or a bound is exceeded. A document that the parser has no memory
+ * for is printed and skipped like one that does not parse (code -32).
  *
  * The write routine sends what is queued in pieces of up to 1,460 bytes. Sent bytes are removed
  * together, at the latest before it returns. Returns 0 when nothing is left or a send returned 0, -1
