@@ -111,22 +111,12 @@ auto hash_of_type(uint8_t key_type) {
 
 // For the steps below the caller holds what guards the table.
 
-// An entry and its key are allocated one after the other, so the key usually lies right behind: it
-// is fetched while the entry itself is still on its way.
-inline const void* usual_place_of_key(const hashtable_entry* entry) {
-    constexpr size_t kBlockHeader = 8;
-    return reinterpret_cast<const char*>(entry + 1) + kBlockHeader;
-}
-
 // The link to the key's entry; the null link at the chain's end when the key is absent.
 [[gnu::always_inline]] inline hashtable_entry** find(const hashtable& table,
                                                      hashtable_entry** chain, const void* key) {
     return with_kind_of(table, [=](auto kind) {
         hashtable_entry** link = chain;
-        for (hashtable_entry* entry; (entry = *link); link = &entry->next) {
-            __builtin_prefetch(usual_place_of_key(entry));
-            if (kind.compare(entry->key, key) == 0) break;
-        }
+        while (*link && kind.compare((*link)->key, key) != 0) link = &(*link)->next;
         return link;
     });
 }
