@@ -5,8 +5,8 @@
 // insert into the emptied table, look each up, look up as many absent ones, remove each. Two
 // threads share one table, and halve the keys for insert and remove. Only the pass is timed.
 
-#include <bench/support/crew.hpp>
 #include <ztlib/hashtable/hashtable.h>
+#include <bench/support/crew.hpp>
 
 #include <benchmark/benchmark.h>
 

@@ -7,8 +7,8 @@
 // ("s", queue_dequeue_s) or on the semaphore ("ls", queue_dequeue_ls); peers have one way of
 // waiting, and meet both.
 
-#include <bench/support/crew.hpp>
 #include <ztlib/queue/queue.h>
+#include <bench/support/crew.hpp>
 
 #include <benchmark/benchmark.h>
 

@@ -51,7 +51,8 @@ constexpr const char* kModule = "inventory_server";
 constexpr uint64_t kBuckets = 4096;
 constexpr uint8_t kStringKeys = 0;
 
-// A connection takes two threads of the pool while it is answered: one that reads and one that writes.
+// A connection takes two threads of the pool while it is answered: one that reads and one that
+// writes.
 constexpr size_t kMaxConnections = 900;
 static_assert(2 * kMaxConnections < NETTHREADPOOL_MAX_THREADS);
 
@@ -190,8 +191,8 @@ Document answer_to(hashtable& hosts, const xmldoc& request) {
     }
 }
 
-// How many bytes of answers wait for a peer to take them, at most: the protocol drops what it has sent
-// from the buffer only once that is half of what is there.
+// How many bytes of answers wait for a peer to take them, at most: the protocol drops what it has
+// sent from the buffer only once that is half of what is there.
 unsigned unsent(simple_xml_proto& protocol) {
     net_buffer& output = protocol.output_buffer;
     pthread_utils_mutex_lock(&output.mutex);

@@ -1,5 +1,5 @@
-// The system log is opened once a process, so each of these logs in a process of its own and nothing
-// in this executable logs outside of one.
+// The system log is opened once a process, so each of these logs in a process of its own and
+// nothing in this executable logs outside of one.
 
 #include <ztlib/logger.h>
 

@@ -114,7 +114,8 @@ TEST_F(Logger, WritesWholeLinesFromEveryThread) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([] {
-            for (int n = 0; n < 200; ++n) logger_log(6, "m", "f", "%s", std::string(900, 'y').c_str());
+            for (int n = 0; n < 200; ++n)
+                logger_log(6, "m", "f", "%s", std::string(900, 'y').c_str());
         });
     for (auto& thread : threads) thread.join();
 

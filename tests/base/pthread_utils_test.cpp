@@ -24,8 +24,9 @@ TEST(CheckedLock, EndsTheProcessWithOneAndTheReturnedCode) {
     });
     EXPECT_TRUE(child.exited);
     EXPECT_EQ(child.status, 1);
-    EXPECT_EQ(child.err,
-              "./pthread_utils:pthread_utils_mutex_lock pthread_mutex_lock(): Invalid argument (22)\n");
+    EXPECT_EQ(
+        child.err,
+        "./pthread_utils:pthread_utils_mutex_lock pthread_mutex_lock(): Invalid argument (22)\n");
 }
 
 TEST(CheckedLock, IgnoresNull) { pthread_utils_mutex_lock(nullptr); }

@@ -16,7 +16,8 @@
 //         const int result = operation(fixture);
 //         round.disarm();
 //         EXPECT_EQ(result, round.hit() ? -1 : 0);
-//     }                                                        // ends after the round that succeeds
+//     }                                                        // ends after the round that
+//     succeeds
 #pragma once
 
 #include <gtest/gtest.h>
@@ -26,8 +27,9 @@
 namespace zt_test {
 
 // Makes one call of `function` fail while the object lives: the first call, or the one after `skip`
-// calls have passed. A call of the pthread family returns `error`; others set errno to it and return
-// their failure value. `only_this_thread` leaves the calls of other threads alone (and uncounted).
+// calls have passed. A call of the pthread family returns `error`; others set errno to it and
+// return their failure value. `only_this_thread` leaves the calls of other threads alone (and
+// uncounted).
 class FailingCall {
   public:
     explicit FailingCall(const char* function, int error, uint32_t skip = 0,

@@ -82,8 +82,7 @@ ChildResult run_in_child(const std::function<void()>& work) {
 void run_on_stack(size_t bytes, const std::function<void()>& work) {
     pthread_attr_t attributes;
     pthread_t thread;
-    if (pthread_attr_init(&attributes) != 0 ||
-        pthread_attr_setstacksize(&attributes, bytes) != 0 ||
+    if (pthread_attr_init(&attributes) != 0 || pthread_attr_setstacksize(&attributes, bytes) != 0 ||
         pthread_create(&thread, &attributes, call_function,
                        const_cast<std::function<void()>*>(&work)) != 0)
         abort();

@@ -34,34 +34,41 @@ Result as_result(int64_t value) {
 
 }  // namespace
 
-#define WRAP(name, result, failure, parameters, arguments)     \
-    extern "C" result __real_##name parameters;                \
-    extern "C" result __wrap_##name parameters;                \
-    static WrappedFunction wrapped_##name{#name};              \
-    extern "C" result __wrap_##name parameters {               \
-        int error = 0;                                         \
-        int64_t value = 0;                                     \
-        switch (wrapped_##name.judge(error, value)) {          \
-            case Verdict::fail: errno = error; return failure; \
-            case Verdict::fake: return as_result<result>(value); \
-            case Verdict::pass: break;                         \
-        }                                                      \
-        return __real_##name arguments;                        \
+#define WRAP(name, result, failure, parameters, arguments) \
+    extern "C" result __real_##name parameters;            \
+    extern "C" result __wrap_##name parameters;            \
+    static WrappedFunction wrapped_##name{#name};          \
+    extern "C" result __wrap_##name parameters {           \
+        int error = 0;                                     \
+        int64_t value = 0;                                 \
+        switch (wrapped_##name.judge(error, value)) {      \
+            case Verdict::fail:                            \
+                errno = error;                             \
+                return failure;                            \
+            case Verdict::fake:                            \
+                return as_result<result>(value);           \
+            case Verdict::pass:                            \
+                break;                                     \
+        }                                                  \
+        return __real_##name arguments;                    \
     }
 
-#define CODE(name, parameters, arguments)            \
-    extern "C" int __real_##name parameters;         \
-    extern "C" int __wrap_##name parameters;         \
-    static WrappedFunction wrapped_##name{#name};    \
-    extern "C" int __wrap_##name parameters {        \
-        int error = 0;                               \
-        int64_t value = 0;                           \
+#define CODE(name, parameters, arguments)             \
+    extern "C" int __real_##name parameters;          \
+    extern "C" int __wrap_##name parameters;          \
+    static WrappedFunction wrapped_##name{#name};     \
+    extern "C" int __wrap_##name parameters {         \
+        int error = 0;                                \
+        int64_t value = 0;                            \
         switch (wrapped_##name.judge(error, value)) { \
-            case Verdict::fail: return error;        \
-            case Verdict::fake: return static_cast<int>(value); \
-            case Verdict::pass: break;               \
-        }                                            \
-        return __real_##name arguments;              \
+            case Verdict::fail:                       \
+                return error;                         \
+            case Verdict::fake:                       \
+                return static_cast<int>(value);       \
+            case Verdict::pass:                       \
+                break;                                \
+        }                                             \
+        return __real_##name arguments;               \
     }
 
 namespace {
@@ -81,20 +88,19 @@ void* counted(void* made, void* before) {
 
 }  // namespace
 
-#define ALLOCATION(name, result, failure, parameters, arguments)                  \
-    extern "C" result __real_##name parameters;                                   \
-    extern "C" result __wrap_##name parameters;                                   \
-    static WrappedFunction wrapped_##name{#name};                                 \
-    extern "C" result __wrap_##name parameters {                                  \
-        int error = 0;                                                            \
-        int64_t value = 0;                                                        \
-        if (zt_test::refuse_allocation() ||                                       \
-            wrapped_##name.judge(error, value) != Verdict::pass) {                \
-            errno = ENOMEM;                                                       \
-            return failure;                                                       \
-        }                                                                         \
-        void* const before = BEFORE_##name;                                       \
-        return static_cast<result>(counted(__real_##name arguments, before));     \
+#define ALLOCATION(name, result, failure, parameters, arguments)                                   \
+    extern "C" result __real_##name parameters;                                                    \
+    extern "C" result __wrap_##name parameters;                                                    \
+    static WrappedFunction wrapped_##name{#name};                                                  \
+    extern "C" result __wrap_##name parameters {                                                   \
+        int error = 0;                                                                             \
+        int64_t value = 0;                                                                         \
+        if (zt_test::refuse_allocation() || wrapped_##name.judge(error, value) != Verdict::pass) { \
+            errno = ENOMEM;                                                                        \
+            return failure;                                                                        \
+        }                                                                                          \
+        void* const before = BEFORE_##name;                                                        \
+        return static_cast<result>(counted(__real_##name arguments, before));                      \
     }
 
 #define SPECIAL(name)

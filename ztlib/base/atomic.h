@@ -1,5 +1,5 @@
-// Plain fields that several threads touch stay plain in the records, so that their layout stays, and
-// are read and written through these.
+// Plain fields that several threads touch stay plain in the records, so that their layout stays,
+// and are read and written through these.
 #pragma once
 
 #include <atomic>

@@ -15,8 +15,8 @@ void report_call(Site site, const char* call, int level = LOGGER_WARNING);
 
 // A lock could not be made, taken or released. Prints
 //     <module>:<function>: <call>(): <text of errno> (<code>)
-// on standard error and ends the process with exit(-1). The text is errno's as it stands, the number
-// is the code that the call returned.
+// on standard error and ends the process with exit(-1). The text is errno's as it stands, the
+// number is the code that the call returned.
 [[noreturn]] void fatal_call(Site site, const char* call, int code);
 
 // As fatal_call(), with errno itself as the number.

@@ -205,11 +205,12 @@ void go_idle(netthreadpool_thread& self, Site here) {
     if (std::exchange(self.awaited, 0u)) pthread_cond_broadcast(&self.returned);
 }
 
-// In a pool with many busy threads, one turn for the others before this one sleeps: whoever was about
-// to invite takes the lowest idle thread, often the one that has just come back, and finds it awake.
-// That spares a wake-up for nearly every answer of a busy server, and costs where other programs want
-// the same processors: a thread that has yielded waits for its next turn, a woken one does not. The
-// lowest idle thread is always taken first, so a thread's index tells how many are busy.
+// In a pool with many busy threads, one turn for the others before this one sleeps: whoever was
+// about to invite takes the lowest idle thread, often the one that has just come back, and finds it
+// awake. That spares a wake-up for nearly every answer of a busy server, and costs where other
+// programs want the same processors: a thread that has yielded waits for its next turn, a woken one
+// does not. The lowest idle thread is always taken first, so a thread's index tells how many are
+// busy.
 void linger(const netthreadpool_thread& self) {
     if (self.index >= kManyBusy && !zt::load(self.node)) sched_yield();
 }
