@@ -3,6 +3,7 @@
 #include <ztlib/htmldoc/message.hpp>
 
 #include <ztlib/base/memory.h>
+#include <ztlib/base/text.h>
 #include <ztlib/htmldoc/option_list.hpp>
 #include <ztlib/htmldoc/uri.hpp>
 
@@ -127,7 +128,7 @@ void terminate_pieces(char* text, size_t length) {
 // the room of the value and its '='.
 bool add_parameter(NewOptions& parameters, std::string_view key, std::string_view from_equals,
                    const Family& family) {
-    const std::string_view name = key.substr(0, key.empty() ? 0 : key.size() - 1);
+    const std::string_view name = zt::front(key, key.empty() ? 0 : key.size() - 1);
     Owned<char> decoded(allocate<char>(from_equals.size() + 1));
     if (!decoded) return false;
     size_t length = 0;
@@ -241,7 +242,7 @@ int split_form(const Message& m, const Family& family) {
             result = -1;
             break;
         }
-        if (!add_parameter(parameters, piece.substr(0, equals), from(piece, equals), family))
+        if (!add_parameter(parameters, zt::front(piece, equals), from(piece, equals), family))
             return -1;
     }
     // The '&' behind the last piece that was looked at is its end too.

@@ -3,6 +3,7 @@
 // itself.
 #pragma once
 
+#include <ztlib/base/text.h>
 #include <ztlib/htmldoc/htmldoc.h>
 
 #include <algorithm>
@@ -21,7 +22,7 @@ constexpr std::string_view from(std::string_view text, size_t n) {
 // Takes the next piece between '&' off the text; empty pieces vanish. Empty at the end.
 inline std::string_view take_piece(std::string_view& text) {
     text.remove_prefix(std::min(text.find_first_not_of('&'), text.size()));
-    const std::string_view piece = text.substr(0, text.find('&'));
+    const std::string_view piece = zt::front(text, text.find('&'));
     text.remove_prefix(piece.size());
     return piece;
 }

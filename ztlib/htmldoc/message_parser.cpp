@@ -9,6 +9,7 @@
 #include <ztlib/htmldoc/message_parser.hpp>
 
 #include <ztlib/base/memory.h>
+#include <ztlib/base/text.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -67,7 +68,7 @@ bool has_zero_byte(std::string_view text) { return memchr(text.data(), 0, text.s
 // Looks back from the line feed that ends the block, line by line, to an earlier end or the start.
 bool is_hidden(std::string_view text, size_t line_feed) {
     for (size_t line_end = line_feed;;) {
-        const std::string_view before = text.substr(0, line_end);
+        const std::string_view before = zt::front(text, line_end);
         const void* found = memrchr(before.data(), '\n', before.size());
         if (!found) return has_zero_byte(before);
         const auto previous = static_cast<size_t>(static_cast<const char*>(found) - before.data());
@@ -89,8 +90,8 @@ std::string_view take_line(std::string_view& block) {
     size_t start = 0;
     while (start < block.size() && (block[start] == '\r' || block[start] == '\n')) start++;
     block.remove_prefix(start);
-    std::string_view line = block.substr(0, find_char(block, '\n'));
-    line = line.substr(0, find_char(line, '\r'));
+    std::string_view line = zt::front(block, find_char(block, '\n'));
+    line = zt::front(line, find_char(line, '\r'));
     block.remove_prefix(line.size());
     return line;
 }
@@ -164,13 +165,13 @@ Verdict Head::read_start_line(std::string_view line) {
     if (method_end > HTMLDOC_WORD_LENGTH)
         return refuse_("method len to long (%d expect max %d)\n", as_int(method_end),
                        HTMLDOC_WORD_LENGTH);
-    method_ = line.substr(0, method_end);
+    method_ = zt::front(line, method_end);
     start_line_is_due_ = method_.empty();
 
     line.remove_prefix(method_end + 1);
     const size_t url_end = find_char(line, ' ');
     if (url_end == npos) return refuse_("search url\n");
-    if (const Verdict verdict = read_url(line.substr(0, url_end)); verdict != Verdict::taken)
+    if (const Verdict verdict = read_url(zt::front(line, url_end)); verdict != Verdict::taken)
         return verdict;
 
     line.remove_prefix(url_end + 1);
@@ -182,7 +183,7 @@ Verdict Head::read_start_line(std::string_view line) {
 }
 
 Verdict Head::read_url(std::string_view text) {
-    const std::string_view url = text.substr(0, find_char(text, '?'));
+    const std::string_view url = zt::front(text, find_char(text, '?'));
     if (url.size() < text.size()) {
         const Verdict verdict = read_query(from(text, url.size() + 1));
         if (verdict != Verdict::taken) return verdict;
@@ -213,14 +214,14 @@ Verdict Head::read_query(std::string_view query) {
         if (equals + 1 == piece.size())
             return refuse_("parse options get (missing value for '%.*s')\n", as_int(equals),
                            piece.data());
-        if (!get_params_.prepend(piece.substr(0, equals), from(piece, equals + 1)))
+        if (!get_params_.prepend(zt::front(piece, equals), from(piece, equals + 1)))
             return refuse_.out_of_memory();
     }
     return Verdict::taken;
 }
 
 Verdict Head::read_header_line(std::string_view line, size_t colon) {
-    const std::string_view name = line.substr(0, colon);
+    const std::string_view name = zt::front(line, colon);
     std::string_view value = from(line, colon + 1);
     value.remove_prefix(std::min(value.find_first_not_of(' '), value.size()));
     if (value.empty())
@@ -287,7 +288,7 @@ size_t find_block_end(std::string_view text, size_t searched) {
         if (ends_block(text, line_feed)) {
             const size_t end = line_feed + 1 - kBlockEnd.size();
             const bool hidden =
-                searched == 0 ? has_zero_byte(text.substr(0, end)) : is_hidden(text, line_feed);
+                searched == 0 ? has_zero_byte(zt::front(text, end)) : is_hidden(text, line_feed);
             return hidden ? npos : end;
         }
         from = line_feed + 1;
@@ -316,7 +317,7 @@ bool is_whole_body(htmldoc_option* options, uint32_t length) {
 Receipt take_block(const Message& m, const Family& family, std::string_view text, size_t end) {
     const Refusal refuse(family, text);
     Head head(m, family, refuse);
-    const Verdict verdict = head.read(text.substr(0, end));
+    const Verdict verdict = head.read(zt::front(text, end));
     if (verdict == Verdict::refused) head.store(m);
     if (verdict != Verdict::taken) return {verdict};
 
@@ -342,7 +343,7 @@ Verdict receive_cgi(const Message& m, const Family& family, std::string_view tex
     const Refusal refuse(family, text);
     Head head(m, family, refuse);
     if (m.header_ok == 0) {
-        const Verdict verdict = head.read_cgi(text.substr(0, end));
+        const Verdict verdict = head.read_cgi(zt::front(text, end));
         if (verdict == Verdict::refused) head.store(m);
         if (verdict != Verdict::taken) return verdict;
     }
