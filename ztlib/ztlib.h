@@ -16,6 +16,10 @@
 #include <ztlib/buffers/net_buffer.h>
 #include <ztlib/buffers/wbuffer.h>
 #include <ztlib/utils/converters.h>
+#include <ztlib/utils/path.h>
+#include <ztlib/utils/split.h>
+#include <ztlib/utils/uid.h>
+#include <ztlib/utils/void_ptr.h>
 
 #include <ztlib/htmldoc/htmldoc.h>
 #include <ztlib/htmldoc/http.h>

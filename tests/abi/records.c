@@ -73,6 +73,26 @@ FIELD(wbuffer, data, 0);
 FIELD(wbuffer, capacity, 8);
 FIELD(wbuffer, length, 16);
 
+SIZE(split_result, 16);
+FIELD(split_result, count, 0);
+FIELD(split_result, parts, 8);
+
+SIZE(void_ptr2_p, 16);
+FIELD(void_ptr2_p, ptr2, 8);
+
+SIZE(void_ptr3_p, 24);
+FIELD(void_ptr3_p, ptr3, 16);
+
+SIZE(void_ptr4_p, 32);
+FIELD(void_ptr4_p, ptr4, 24);
+
+SIZE(uid, 22);
+FIELD(uid, random, 0);
+FIELD(uid, rand1, 8);
+FIELD(uid, seq32, 12);
+FIELD(uid, seq16, 16);
+FIELD(uid, rand2, 18);
+
 SIZE(net_buffer, 112);
 FIELD(net_buffer, mutex, 0);
 FIELD(net_buffer, condition, 40);

@@ -13,10 +13,13 @@
 #include <ctime>
 #include <cwchar>
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 using zt_test::Verdict;
