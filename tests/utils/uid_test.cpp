@@ -46,12 +46,12 @@ TEST(UidFirstUse, FailsWhenNeitherDeviceOpens) {
     ScratchDirectory without_devices;
     constexpr int kMayNot = 77;
     const ChildResult child = run_in_child([&] {
-        if (chroot(without_devices.path().c_str()) != 0) exit(kMayNot);
+        if (chroot(without_devices.path().c_str()) != 0) _exit(kMayNot);
         char bytes[8];
         uid id = kSample;
         const bool right = uid_uread(bytes, sizeof bytes) == -1 && uid_generate(&id) == -1 &&
                            _uid_init() == -1 && same(id, kSample);
-        exit(right ? 0 : 1);
+        _exit(right ? 0 : 1);
     });
     if (child.status == kMayNot) GTEST_SKIP() << "needs root, to hide the devices";
     EXPECT_EQ(child.status, 0) << child.err;

@@ -55,8 +55,8 @@ char *buffer_make_room(char **data, unsigned *capacity, unsigned *length, unsign
 /* Appends `n` bytes of any kind from `src`, and a terminator.
  * Returns the data, which may have moved. When memory is out it returns NULL, prints
  *     ./buffers/buffer:buffer_append realloc():<text of errno>
- * on standard error and changes nothing. A null argument gives NULL, but for `src` with no bytes.
- */
+ * on standard error and changes nothing. A null argument gives NULL, but for `src` with no
+ * bytes. */
 char *buffer_append(char **data, unsigned *capacity, unsigned *length, const void *src, int n);
 
 /* Drops the first `n` bytes; the rest moves to the front and is terminated. The capacity stays.

@@ -125,8 +125,8 @@ void hashtable_free_ref(hashtable *table, void (*release)(void *value), int free
  *     pos[<bucket>], key: <key> <what print(value) prints>
  *
  * one entry after the other in bucket order. `print` (may be NULL) is expected to end the line, and
- * is called with the mutex held. 64-bit keys are followed by no blank, and nothing closes the dump.
- */
+ * is called with the mutex held. 64-bit keys are followed by no blank, and nothing closes the
+ * dump. */
 void hashtable_dump(hashtable *table, void (*print)(void *value));
 
 /* The bucket of a key: the sum of a string's bytes, or an integer's value, modulo table->size,

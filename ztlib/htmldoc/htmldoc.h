@@ -76,8 +76,8 @@ int htmldoc_free(htmldoc *d, int free_record);
 
 /* A copy, to be released with htmldoc_free(copy, 1), or NULL when memory is out or `d` is NULL.
  * Each list of the copy is in reverse order. Copied are method, url, the three lists, both flags
- * and the body; the protocol is empty, `host` NULL and the input empty. (The name is spelled so.)
- */
+ * and the body; the protocol is empty, `host` NULL and the input empty. (The name is spelled
+ * so.) */
 htmldoc *htmldoc_dublicate(const htmldoc *d);
 
 /* Prints start line, options, query parameters and body on standard error. NULL is ignored. */
@@ -157,8 +157,8 @@ int htmldoc_body_append_arg(htmldoc *d, const char *format, ...) ZT_PRINTF_LIKE(
  * "name: value" for each option, an empty line, and the body where its capacity is not 0. A
  * request's start line is "method url protocol"; a response's is "method url_length protocol".
  * Parameters are not rendered and no Content-Length is added: a caller that wants one adds it as an
- * option. Changes nothing when memory is out (buffer_make_room() says so) or an argument is NULL.
- */
+ * option. Changes nothing when memory is out (buffer_make_room() says so) or an argument is
+ * NULL. */
 void htmldoc_unwrap(char **data, unsigned *capacity, unsigned *length, htmldoc *d, bool is_request);
 
 /* --- lists of options ------------------------------------------------------------------------- */

@@ -5,8 +5,8 @@
  * differs is said here. There is no create function: the caller allocates the record. Lists are the
  * same htmldoc_option lists.
  *
- * Thread safety: a document belongs to one thread at a time; nothing is shared between documents.
- */
+ * Thread safety: a document belongs to one thread at a time; nothing is shared between
+ * documents. */
 #ifndef ZTLIB_HTMLDOC_HTTP_H
 #define ZTLIB_HTMLDOC_HTTP_H
 

@@ -3,8 +3,8 @@
  * the two pointers after creation.
  *
  * The linked list and the priority list are the same functions under two names; their messages name
- * the one that was called. Thread safety: none needed here; hosts serialise access to their lists.
- */
+ * the one that was called. Thread safety: none needed here; hosts serialise access to their
+ * lists. */
 #ifndef ZTLIB_LISTS_LINKED_LIST_H
 #define ZTLIB_LISTS_LINKED_LIST_H
 

@@ -27,8 +27,9 @@ typedef void (*socket_listener_accept_cb)(void *user_data, int fd, struct sockad
 
 /* Listens on `host`:`port` and starts the accept thread.
  *
- * host       a dotted quad, never resolved; NULL for every local address. At most 127 characters of
- * it are remembered. port       its low 16 bits; 0 lets the system choose. accept_cb  required.
+ * `host` is a dotted quad, never resolved; NULL for every local address. At most 127 characters of
+ * it are remembered. `port` counts with its low 16 bits; 0 lets the system choose. `accept_cb` is
+ * required.
  *
  * The socket has SO_REUSEADDR and a backlog of 100. Returns the listener, or NULL after one line on
  * standard error,

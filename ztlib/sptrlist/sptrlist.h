@@ -21,6 +21,7 @@
 #ifndef ZTLIB_SPTRLIST_SPTRLIST_H
 #define ZTLIB_SPTRLIST_SPTRLIST_H
 
+#include <stdint.h>
 #include <ztlib/decls.h>
 #include <ztlib/pthread_types.h>
 
@@ -45,7 +46,7 @@ void sptrlist_free_ref(void **list, void (*release)(void *element));
 
 /* Puts `element` into the first empty slot, or behind the last one: the array may then move, and
  * *list is updated.
- * Returns the element; NULL when an argument is NULL or memory is out (logged as a warning), with
+ * Returns the element; NULL when an argument is NULL or memory is out (logged as "realloc()(): <reason>"), with
  * nothing changed. */
 void *sptrlist_add(void ***list, void *element);
 
@@ -57,7 +58,8 @@ void sptrlist_remove(void **list, const void *key,
 /* How many elements the array holds; 0 for NULL. */
 int sptrlist_count(void **list);
 
-/* Prints the size and each element's index and address on standard error. */
+/* Prints "- sptrlist dump size <size>", then each element as "\t\tnode[<index>]=<address>", a line
+ * each, on standard error. NULL is ignored. */
 void sptrlist_dump(void **list);
 
 /* A compare function for sptrlist_remove(): -2 when the two pointers differ, 0 when they are the

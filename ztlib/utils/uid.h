@@ -38,8 +38,8 @@ int uid_uread(void *destination, int length);
 
 /* Makes a new identifier. Should the random device fail after the first use, `random` is 0 or holds
  * what could be read, and the counters alone tell identifiers apart.
- * Returns 0, or -1 when the first-use initialisation fails (the next call tries again) or for NULL.
- */
+ * Returns 0, or -1 when the first-use initialisation fails (the next call tries again) or for
+ * NULL. */
 int uid_generate(uid *id);
 
 /* The time in seconds (its low 32 bits) in the upper half, and in the lower half a counter of the

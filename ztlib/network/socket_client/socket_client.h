@@ -31,8 +31,11 @@ struct socket_client;
 typedef void (*socket_client_state_cb)(struct socket_client *client);
 
 /* Called on the receive thread with what one recv() gave, at most 1,524 bytes. Above 0: the bytes
- * are appended to `receive_buffer` and on_process is called. 0: they are dropped. Negative: the
- * connection is dropped. */
+ * are appended to `receive_buffer` and on_process is called; where memory is out for them, the
+ * connection is dropped instead. 0: they are dropped. Negative: the connection is dropped.
+ *
+ * Bytes that the system had already received when the connection was lost are still delivered,
+ * before on_disconnect. */
 typedef int (*socket_client_receive_cb)(struct socket_client *client, const void *bytes, int count);
 
 /* Called on the receive thread after bytes were appended. It takes what it needs out of
@@ -45,11 +48,14 @@ typedef struct socket_client {
     uint16_t port;
     uint8_t running_flag;      /* 1 until closed or given up */
     net_buffer receive_buffer; /* not waitable */
-    net_buffer send_buffer;    /* waitable: the send thread waits. Only the client resets it. */
+    net_buffer send_buffer;    /* waitable: the send thread waits. Only the client resets or marks it. */
     pthread_t receive_thread;
     pthread_t send_thread;
     pthread_t connect_thread;
-    pthread_mutex_t mutex; /* guards socket_descriptor, connected_flag, parked_count, last_error */
+    /* Guards socket_descriptor, connected_flag, parked_count, last_error. The connect thread holds
+     * it while it tries, its pauses of 5 seconds included: who takes it waits until a connection
+     * succeeded. */
+    pthread_mutex_t mutex;
     pthread_cond_t condition; /* broadcast on every change of the connection's state */
     uint8_t connected_flag;
     uint8_t parked_count; /* data threads that noticed the loss of the connection */
@@ -77,10 +83,12 @@ typedef struct socket_client {
  * NULL. Threads that cannot be created are not reported: such a client never connects and is closed
  * like any other. Mind the order: connect before disconnect.
  *
- * A mutex that cannot be made prints
- *     ./network/socket_client/socket_client:socket_client_open: pthread_mutex_init(): <text>
- * (<code>) on standard error and ends the process with exit(-1); so does, with its function and
- * call, one that cannot be released, in any of the functions below. */
+ * A mutex that cannot be made ends the process with exit(-1) after a line on standard error,
+ *
+ *     ./network/socket_client/socket_client:socket_client_open: pthread_mutex_init(): <text> (<code>)
+ *
+ * and so does, with its function and call, one that cannot be released, in any of the functions
+ * below. */
 socket_client *socket_client_open(const char *host, int port, void *user_data,
                                   socket_client_state_cb on_connect,
                                   socket_client_state_cb on_disconnect,
@@ -97,15 +105,15 @@ int socket_client_send(socket_client *client, const void *data, unsigned n);
 /* Returns when the connect thread has ended: the client was closed, or no socket could be made
  * (then socket_client_close() is still due). Returns 0, or the error of pthread_join(): EDEADLK on
  * the connect thread itself, ESRCH when that thread could not be created. 0 for a NULL client. Any
- * number of threads, before or while socket_client_close() runs, but on no other callback's thread.
- */
+ * number of threads, before or while socket_client_close() runs, but on no other callback's
+ * thread. */
 int socket_client_wait(socket_client *client);
 
 /* Ends the connection and all three threads, releases the waiting ones and frees the client. NULL
  * is ignored. Not from a callback, whose thread it would wait for.
  *
- * While the client is trying to connect, this returns only after a connection succeeded: an attempt
- * is never given up. A mutex that cannot be destroyed is printed as above and otherwise ignored. */
+ * While the client is trying to connect, this returns only after a connection succeeded, or no socket
+ * could be made: an attempt is never given up. A mutex that cannot be destroyed is printed as above and otherwise ignored. */
 void socket_client_close(socket_client *client);
 
 /* The steps, started by socket_client_open() alone; `client` is a socket_client.

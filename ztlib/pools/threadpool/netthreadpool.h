@@ -21,8 +21,7 @@
  *         ... give it its user pointer and routines ...
  *         netthreadpool_invite_read(node);
  *     ... stop accepting; shut every connection's socket down, so that its routines return ...
- *     netthreadpool_free(pool, 1);
- */
+ *     netthreadpool_free(pool, 1); */
 #ifndef ZTLIB_POOLS_THREADPOOL_NETTHREADPOOL_H
 #define ZTLIB_POOLS_THREADPOOL_NETTHREADPOOL_H
 
