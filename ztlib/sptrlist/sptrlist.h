@@ -46,8 +46,8 @@ void sptrlist_free_ref(void **list, void (*release)(void *element));
 
 /* Puts `element` into the first empty slot, or behind the last one: the array may then move, and
  * *list is updated.
- * Returns the element; NULL when an argument is NULL or memory is out (logged as "realloc()(): <reason>"), with
- * nothing changed. */
+ * Returns the element; NULL when an argument is NULL or memory is out (logged as
+ * "realloc()(): <reason>"), with nothing changed. */
 void *sptrlist_add(void ***list, void *element);
 
 /* Empties the first slot for which compare(slot, key) is 0. Empty slots are compared too, as NULL.
