@@ -503,7 +503,7 @@ TEST_F(ThreadPool, RemovesANodeThatTheHostCloses) {
     Connection& c = connection();
     adopt(c);
     pthread_mutex_lock(&c.node->mutex);
-    __atomic_store_n(&c.node->must_exit, 1, __ATOMIC_RELEASE);
+    c.node->must_exit = 1;
     pthread_mutex_unlock(&c.node->mutex);
     EXPECT_EQ(threadpool_enqueue(c.node), 0);  // refuses
     EXPECT_EQ(count_lines(with_fd("threadpool_enqueue FAILED enqueue tpn fd=", c)), 1u);
@@ -708,6 +708,75 @@ TEST_F(ThreadPool, LeavesANodeAloneThatCameAfterTheSelect) {
     threadpool_node_destroy(newcomer.node);
 }
 
+// --- stopping between callbacks ---
+
+namespace {
+
+struct SlowReader {
+    threadpool_thread* worker;
+    std::atomic<int> reads{0};
+
+    // The first read lasts until the worker is being stopped.
+    static int32_t read(void* user, void*, int32_t) {
+        auto& self = *static_cast<SlowReader*>(user);
+        ++self.reads;
+        eventually([&] { return __atomic_load_n(&self.worker->running, __ATOMIC_ACQUIRE) == 0; });
+        return 0;
+    }
+};
+
+}  // namespace
+
+TEST(ThreadPoolStop, BeginsNoFurtherReadInTheRoundThatItMeets) {
+    constexpr int kNodes = 5;
+    CapturedStderr err;
+    threadpool* pool = threadpool_create(1);
+    auto* worker = static_cast<threadpool_thread*>(pool->threads[1]);
+    SlowReader reader{worker};
+    int peers[kNodes];
+    for (int& peer : peers) {
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        ASSERT_EQ(write(ends[1], "x", 1), 1);
+        peer = ends[1];
+        threadpool_node* node = threadpool_node_create(&reader);
+        node->fd = ends[0];
+        node->read_cb = SlowReader::read;
+        ASSERT_EQ(threadpool_entry(pool, node), 0);
+    }
+    ASSERT_EQ(threadpool_start(pool), 0);
+    ASSERT_TRUE(eventually([&] { return reader.reads > 0; }));
+    threadpool_destroy(pool);
+    EXPECT_EQ(reader.reads, 1);
+
+    for (uint32_t i = 1; i < *static_cast<uint32_t*>(worker->nodes[0]); ++i)
+        threadpool_node_destroy(static_cast<threadpool_node*>(worker->nodes[i]));
+    sptrlist_free(worker->nodes);
+    sem_destroy(&worker->wake);
+    pthread_mutex_destroy(&worker->mutex);
+    free(worker);
+    for (int peer : peers) close(peer);
+}
+
+TEST(ThreadPoolStop, LeavesAStoppedWorkerOutOfTheStart) {
+    CapturedStderr err;
+    threadpool* pool = threadpool_create(2);
+    auto* first = static_cast<threadpool_thread*>(pool->threads[1]);
+    auto* second = static_cast<threadpool_thread*>(pool->threads[2]);
+    const int before = thread_count();
+    threadpool_thread_destroy(first);
+    ASSERT_EQ(threadpool_start(pool), 0);
+    EXPECT_EQ(thread_count(), before + 3);
+    threadpool_destroy(pool);
+    EXPECT_EQ(thread_count(), before);
+    for (threadpool_thread* worker : {first, second}) {
+        sptrlist_free(worker->nodes);
+        sem_destroy(&worker->wake);
+        pthread_mutex_destroy(&worker->mutex);
+        free(worker);
+    }
+}
+
 // --- without memory ---
 
 TEST_F(ThreadPool, LeavesANodeToTheHostThatCannotBeQueued) {
@@ -725,7 +794,7 @@ TEST_F(ThreadPool, LeavesANodeToTheHostThatCannotBeQueued) {
     EXPECT_EQ(c.processed, 1);
 }
 
-TEST_F(ThreadPool, RefusesANodeForWhichThereIsNoSlot) {
+TEST_F(ThreadPool, RemovesANodeThatWasAcceptedAndHasNoSlot) {
     start(1);
     Connection& first = connection();
     adopt(first);
@@ -735,9 +804,9 @@ TEST_F(ThreadPool, RefusesANodeForWhichThereIsNoSlot) {
     enter(second);
     ASSERT_TRUE(second.gets_removed());
     EXPECT_TRUE(fault.hit());
+    EXPECT_TRUE(prints(with_fd("threadpool_node_destroy tpn fd = ", second)));
     EXPECT_EQ(count_lines(with_fd("NODE ", second, " ADD TO THREAD POOL id:0")), 0u);
-    EXPECT_EQ(second.node->worker, nullptr);
-    threadpool_node_destroy(second.node);
+    EXPECT_EQ(second.processed, 0);
 }
 
 TEST_F(ThreadPool, GivesATurnLaterThatFoundNoMemory) {

@@ -64,11 +64,14 @@ bool fits_descriptor_set(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
 
 // --- closing and turns ---
 
-bool is_closing(const threadpool_node& node) { return zt::load(node.must_exit); }
+bool is_closing(threadpool_node& node, zt::Site here) {
+    zt::Lock lock(node.mutex, here);
+    return node.must_exit;
+}
 
 void start_closing(threadpool_node& node, zt::Site here) {
     zt::Lock lock(node.mutex, here);
-    zt::store<uint8_t>(node.must_exit, 1);
+    node.must_exit = 1;
 }
 
 // The caller holds the node's mutex. Null when the node is not adopted or memory is out.
@@ -109,6 +112,8 @@ bool adopt(threadpool_thread& w, threadpool_node& node) {
 
     zt::Lock node_lock(node.mutex, kIncoming);
     node.adopted = 1;
+    node.watched = 0;
+    zt::store<uint8_t>(node.turn_owed, 0);
     if (!queue_turn(node)) zt::store<uint8_t>(node.turn_owed, 1);
     return true;
 }
@@ -119,16 +124,30 @@ void refuse(threadpool_node& node) {
     if (node.remove_cb) node.remove_cb(node.user);
 }
 
+// An accepted node that there is no memory for: what the pool accepts, it removes.
+void drop(threadpool_node& node) {
+    refuse(node);
+    threadpool_node_destroy(&node);
+}
+
+void take_in(threadpool_thread& w, threadpool_node& node) {
+    set_worker(node, &w);
+    if (!is_wanted(node))
+        refuse(node);
+    else if (adopt(w, node))
+        sem_post(&w.wake);
+    else
+        drop(node);
+}
+
 void* incoming_routine(void* worker) {
     threadpool_thread& w = *worker_in(worker);
     while (is_running(w)) {
         threadpool_node* node = node_in(queue_dequeue_s(&w.pool->incoming));
         if (!node) continue;
-        set_worker(*node, &w);
-        if (is_wanted(*node) && adopt(w, *node))
-            sem_post(&w.wake);
-        else
-            refuse(*node);
+        // A worker stopped alone leaves the node to the others.
+        if (!is_running(w) && queue_enqueue(&w.pool->incoming, node)) break;
+        take_in(w, *node);
     }
     return nullptr;
 }
@@ -144,7 +163,7 @@ struct Watched {
 };
 
 void watch(Watched& watched, threadpool_node& node, uint64_t round) {
-    if (is_closing(node) || !fits_descriptor_set(node.fd)) return;
+    if (!fits_descriptor_set(node.fd) || is_closing(node, kRead)) return;
     FD_SET(node.fd, &watched.set);
     watched.highest = std::max(watched.highest, node.fd);
     node.watched = round;
@@ -210,9 +229,10 @@ void serve(threadpool_node& node) {
 void serve_ready(const Watched& watched, threadpool_thread& w) {
     zt::Lock lock(w.mutex, kRead);
     for (void* slot : slots_of(w.nodes)) {
+        if (!is_running(w)) return;  // what is unread stays in the sockets
         if (!slot) continue;
         threadpool_node& node = *node_in(slot);
-        if (node.watched == w.round && !is_closing(node) && FD_ISSET(node.fd, &watched.set))
+        if (node.watched == w.round && FD_ISSET(node.fd, &watched.set) && !is_closing(node, kRead))
             serve(node);
     }
 }
@@ -272,7 +292,7 @@ void remove_node(threadpool_thread& w, threadpool_node& node) {
 
 // True when the node wants another turn; it may be gone when it does not.
 bool take_turn(threadpool_thread& w, threadpool_node& node) {
-    if (is_closing(node)) {
+    if (is_closing(node, kProcess)) {
         remove_node(w, node);
         return false;
     }
@@ -442,7 +462,7 @@ extern "C" int threadpool_start(threadpool* pool) {
     uint32_t number = 0;
     for (void* slot : slots_of(pool->threads)) {
         ++number;
-        if (!slot || start_worker(*worker_in(slot), number)) continue;
+        if (!slot || worker_in(slot)->stopped || start_worker(*worker_in(slot), number)) continue;
         pool->state = kStartFailed;
         lock.keep();
         return -1;
@@ -461,7 +481,7 @@ extern "C" int threadpool_enqueue(threadpool_node* node) {
     if (!node) return 0;
 
     zt::Lock lock(node->mutex, here);
-    if (is_closing(*node)) {
+    if (node->must_exit) {
         fprintf(stderr, "%s FAILED enqueue tpn fd=%d\n", here.function, node->fd);
         return 0;
     }

@@ -18,9 +18,9 @@
  *
  * A node's life:
  *
- *   created --threadpool_entry--> waiting --add_cb gives 0--> adopted --> closing --> removed,
- * freed
- *                                    \--refused: remove_cb, the host's again
+ *   created --threadpool_entry--> waiting --add_cb gives 0--> adopted --> closing --> removed
+ *                                    \                                              and freed
+ *                                     +--refused: remove_cb, the host's again
  *
  * It closes when its peer closes or a read fails, when data_cb or read_cb is negative, when
  * process_cb is -1, or when the host sets must_exit. Its next turn then removes it: remove_cb, the
@@ -31,12 +31,13 @@
  * callback that blocks holds up its neighbours.
  *
  * A new node that meets a read thread in select() is watched from its next round on, at most 1
- * second later; a stop takes as long. Descriptors from FD_SETSIZE (1024) on are refused.
+ * second later; a stop takes as long. Descriptors from FD_SETSIZE (1024) on are refused. A host that
+ * closes a node's descriptor itself, before remove_cb, makes select() fail for the whole worker.
  *
  * Each step is traced on standard error, as stated with the functions; error lines look alike:
  *   "threadpool_read_routine: select(): <text of errno>"
  *
- * Locks, in this order: a worker's mutex, a node's mutex, a queue's mutex. A mutex that cannot be
+ * Locks, in this order: the pool's mutex, a worker's mutex, a node's mutex, a queue's mutex. A mutex that cannot be
  * made, taken or released ends the process, with
  *   ./pools/threadpool/threadpool:<function>: <call>(): <text of errno> (<code>)
  * on standard error and exit(-1), or as pthread_utils.h says when it cannot be taken. */
@@ -82,13 +83,15 @@ typedef struct threadpool_thread {
 } threadpool_thread;
 
 /* Reads from the connection itself, without blocking: at most `size` (1,500) bytes into `buffer`.
- * Returns how many, 0 for none, negative for a failure. */
+ * Returns how many, 0 for none, negative for a failure and at the end of the stream: after 0 the
+ * node is watched again at once. */
 typedef int32_t (*threadpool_read_cb)(void *user, void *buffer, int32_t size);
 /* Gets what was read. Negative closes the node, 0: nothing to process, positive: work. */
 typedef int32_t (*threadpool_data_cb)(void *user, void *buffer, int32_t count);
 /* Takes a turn. -1 closes the node, 0: done, any other value: another turn. */
 typedef int32_t (*threadpool_process_cb)(void *user);
-/* Accepts the node into a worker with 0, refuses it otherwise. */
+/* Accepts the node into a worker with 0, refuses it otherwise. A node that was accepted ends as
+ * removed, also where memory is out for its place in the worker. */
 typedef int32_t (*threadpool_add_cb)(void *user, struct threadpool_node *node);
 /* The node is refused (it is the host's again) or removed (the pool closes and frees it when this
  * returns). */
@@ -101,7 +104,7 @@ typedef void (*threadpool_remove_cb)(void *user);
 typedef struct threadpool_node {
     int32_t fd;
     uint8_t must_exit;                /* the node is watched no more, its next turn removes it */
-    threadpool_read_cb read_cb;       /* instead of recv(fd, buffer, 1500, 0) */
+    threadpool_read_cb read_cb;       /* instead of a recv() of 1,500 bytes, which never blocks */
     threadpool_data_cb data_cb;       /* on the read thread */
     threadpool_process_cb process_cb; /* on the process thread */
     threadpool_add_cb add_cb;         /* on an incoming thread */
@@ -165,7 +168,8 @@ void threadpool_destroy(threadpool *pool);
 threadpool_thread *threadpool_thread_create(threadpool *pool);
 
 /* Stops one worker and joins those of its threads that were started; drops the turns to come. The
- * record stays, and its nodes with it, as after threadpool_destroy(). A second call does nothing;
+ * record stays, and its nodes with it, as after threadpool_destroy(); while the pool lives it is the
+ * pool's, and threadpool_start() leaves it out. A second call does nothing;
  * NULL is ignored. Not from a callback of this worker. */
 void threadpool_thread_destroy(threadpool_thread *worker);
 
