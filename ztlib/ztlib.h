@@ -25,6 +25,7 @@
 #include <ztlib/htmldoc/http.h>
 #include <ztlib/xmldoc/xmldoc.h>
 
+#include <ztlib/network/http_client.h>
 #include <ztlib/network/lead4.h>
 #include <ztlib/network/socket_client/socket_client.h>
 #include <ztlib/network/socket_listener.h>

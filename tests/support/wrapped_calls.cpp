@@ -4,6 +4,10 @@
 #include <tests/support/capture.h>
 #include <tests/support/faults_internal.h>
 
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -15,6 +19,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/select.h>

@@ -1,0 +1,82 @@
+// Other programs as a test's peers: started, watched and ended by their process id.
+#pragma once
+
+#include <tests/support/process.h>
+#include <tests/support/scratch.h>
+#include <tests/support/sockets.h>
+
+#include <csignal>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace zt_test {
+
+inline std::string content_of(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// A program that runs, its output in files, its input a pipe. Killed at the end of the scope if it
+// still runs, and with the test itself.
+class Program {
+  public:
+    explicit Program(const std::vector<std::string>& command) {
+        int input[2];
+        if (pipe2(input, O_CLOEXEC) != 0) abort();
+        const std::string out = files_ / "out", err = files_ / "err";
+        pid_ = fork();
+        if (pid_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            dup2(input[0], STDIN_FILENO);
+            dup2(open(out.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600), STDOUT_FILENO);
+            dup2(open(err.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600), STDERR_FILENO);
+            std::vector<char*> arguments;
+            for (const std::string& argument : command)
+                arguments.push_back(const_cast<char*>(argument.c_str()));
+            arguments.push_back(nullptr);
+            execvp(arguments[0], arguments.data());
+            _exit(127);
+        }
+        ::close(input[0]);
+        input_ = Fd(input[1]);
+    }
+    ~Program() {
+        if (pid_ < 0) return;
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    std::string out() const { return content_of(files_ / "out"); }
+    std::string err() const { return content_of(files_ / "err"); }
+    void write(const std::string& text) const {
+        if (::write(input_.get(), text.data(), text.size()) < 0) abort();
+    }
+
+    // Its exit status; -1 when it does not end, or ends by a signal.
+    int wait() {
+        int status = 0;
+        if (!eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) return -1;
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+  private:
+    ScratchDirectory files_;
+    Fd input_;
+    pid_t pid_ = -1;
+};
+
+// True when the shell finds this program.
+inline bool is_installed(const std::string& program) {
+    return Program({"sh", "-c", "command -v " + program}).wait() == 0;
+}
+
+}  // namespace zt_test
