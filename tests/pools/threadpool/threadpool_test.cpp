@@ -4,6 +4,7 @@
 
 #include <tests/support/capture.h>
 #include <tests/support/faults.h>
+#include <tests/support/leftovers.h>
 #include <tests/support/process.h>
 #include <tests/support/sockets.h>
 
@@ -224,21 +225,6 @@ std::string fatal_line(const char* function, const char* call, const char* text,
     return std::string("./pools/threadpool/threadpool:") + function + ": " + call + "(): " + text +
            " (" + std::to_string(code) + ")\n";
 }
-
-class Leftovers {
-  public:
-    bool none() const {
-        return eventually([this] {
-            return thread_count() == threads_ && descriptor_count() == descriptors_ &&
-                   live_allocations() == blocks_;
-        });
-    }
-
-  private:
-    int threads_ = thread_count();
-    int descriptors_ = descriptor_count();
-    int64_t blocks_ = live_allocations();
-};
 
 }  // namespace
 
@@ -1071,22 +1057,6 @@ TEST_F(ThreadPool, PrintsAMutexThatCannotBeDestroyedAndGoesOn) {
 // --- soak ---
 
 namespace {
-
-// Standard error to the null device: the trace of a soak is long.
-class SilentStderr {
-  public:
-    SilentStderr() : saved_(fcntl(2, F_DUPFD_CLOEXEC, 10)) {
-        const Fd null(open("/dev/null", O_WRONLY));
-        dup2(null.get(), 2);
-    }
-    ~SilentStderr() {
-        dup2(saved_, 2);
-        close(saved_);
-    }
-
-  private:
-    int saved_;
-};
 
 std::chrono::seconds soak_time() {
     const char* text = getenv("ZTLIB_SOAK_SECONDS");
