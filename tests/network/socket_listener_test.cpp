@@ -2,6 +2,7 @@
 
 #include <tests/support/capture.h>
 #include <tests/support/faults.h>
+#include <tests/support/leftovers.h>
 #include <tests/support/process.h>
 #include <tests/support/sockets.h>
 
@@ -45,22 +46,6 @@ void close_and_wait(socket_listener* listener) {
     socket_listener_close(listener);
     socket_listener_wait(listener);
 }
-
-// All threads, descriptors and blocks that a test took are given back.
-class Leftovers {
-  public:
-    bool none() const {
-        return eventually([this] {
-            return thread_count() == threads_ && descriptor_count() == descriptors_ &&
-                   live_allocations() == blocks_;
-        });
-    }
-
-  private:
-    int threads_ = thread_count();
-    int descriptors_ = descriptor_count();
-    int64_t blocks_ = live_allocations();
-};
 
 std::string refused_line(const char* call, const char* host, uint16_t port, int error) {
     return std::string("socket_listener_open: ") + call + "(" + host + ":" + std::to_string(port) +

@@ -4,8 +4,7 @@
 #include <ztlib/pools/threadpool/protocols/simple_xml.h>
 
 #include <tests/support/capture.h>
-#include <tests/support/faults.h>
-#include <tests/support/process.h>
+#include <tests/support/leftovers.h>
 
 #include <atomic>
 #include <cstring>
@@ -32,27 +31,6 @@ constexpr int kConnections = 1000, kRequests = 50;
 constexpr int kConnections = 1000, kRequests = 100;
 #endif
 constexpr int kClientThreads = 4;
-
-// What is in use before a test and must be after it.
-class Baseline {
-  public:
-    Baseline() {
-        std::thread([] {}).join();  // a sanitizer's own thread comes with the first
-        threads_ = thread_count();
-        descriptors_ = descriptor_count();
-        blocks_ = live_allocations();
-    }
-    void expect_again() const {
-        EXPECT_TRUE(eventually([&] { return thread_count() == threads_; }));
-        EXPECT_EQ(descriptor_count(), descriptors_);
-        EXPECT_EQ(live_allocations(), blocks_);
-    }
-
-  private:
-    int threads_;
-    int descriptors_;
-    int64_t blocks_;
-};
 
 // Answers <q>n</q> with <a>n</a>.
 class Server {
@@ -198,7 +176,7 @@ void allow_many_descriptors() {
 
 TEST(SimpleXmlLoad, AnswersEveryRequestOnceAndInOrderOverAThousandConnections) {
     allow_many_descriptors();
-    const Baseline baseline;
+    const Leftovers leftovers;
     {
         const CapturedStderr noise;
         Server server;
@@ -219,11 +197,11 @@ TEST(SimpleXmlLoad, AnswersEveryRequestOnceAndInOrderOverAThousandConnections) {
                 close(socket);
             }
     }
-    baseline.expect_again();
+    EXPECT_TRUE(leftovers.none());
 }
 
 TEST(SimpleXmlLoad, AnswersSeveralFramesAPacketWhenTheClientKeepsSending) {
-    const Baseline baseline;
+    const Leftovers leftovers;
     {
         const CapturedStderr noise;
         Server server;
@@ -250,12 +228,12 @@ TEST(SimpleXmlLoad, AnswersSeveralFramesAPacketWhenTheClientKeepsSending) {
         }
         for (std::thread& client : clients) client.join();
     }
-    baseline.expect_again();
+    EXPECT_TRUE(leftovers.none());
 }
 
 TEST(SimpleXmlLoad, StopsInTheMiddleOfEverything) {
     allow_many_descriptors();
-    const Baseline baseline;
+    const Leftovers leftovers;
     for (int round = 0; round < 5; ++round) {
         const CapturedStderr noise;
         Server server;
@@ -283,11 +261,11 @@ TEST(SimpleXmlLoad, StopsInTheMiddleOfEverything) {
         server.stop();
         for (std::thread& client : clients) client.join();
     }
-    baseline.expect_again();
+    EXPECT_TRUE(leftovers.none());
 }
 
 TEST(SimpleXmlLoad, ReleasesConnectionsThatComeAndGo) {
-    const Baseline baseline;
+    const Leftovers leftovers;
     {
         const CapturedStderr noise;
         Server server;
@@ -306,5 +284,5 @@ TEST(SimpleXmlLoad, ReleasesConnectionsThatComeAndGo) {
         }
         for (std::thread& client : clients) client.join();
     }
-    baseline.expect_again();
+    EXPECT_TRUE(leftovers.none());
 }

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -36,6 +37,19 @@ std::string CapturedStream::take() {
     const std::string fresh = all.substr(taken_);
     taken_ = all.size();
     return fresh;
+}
+
+SilentStderr::SilentStderr() : saved_(fcntl(2, F_DUPFD_CLOEXEC, 10)) {
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    fflush(stderr);
+    if (saved_ < 0 || null < 0 || dup2(null, 2) < 0) abort();
+    close(null);
+}
+
+SilentStderr::~SilentStderr() {
+    fflush(stderr);
+    dup2(saved_, 2);
+    close(saved_);
 }
 
 std::vector<SystemLog::Opening> SystemLog::openings() const {

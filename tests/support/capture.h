@@ -35,6 +35,18 @@ struct CapturedStdout : CapturedStream {
     CapturedStdout() : CapturedStream(1) {}
 };
 
+// Standard error to the null device: for what says too much to be kept.
+class SilentStderr {
+  public:
+    SilentStderr();
+    ~SilentStderr();
+    SilentStderr(const SilentStderr&) = delete;
+    SilentStderr& operator=(const SilentStderr&) = delete;
+
+  private:
+    int saved_;
+};
+
 // The system log as the library used it. Nothing reaches the host's own log.
 class SystemLog {
   public:

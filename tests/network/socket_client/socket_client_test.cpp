@@ -2,6 +2,7 @@
 
 #include <tests/support/capture.h>
 #include <tests/support/faults.h>
+#include <tests/support/leftovers.h>
 #include <tests/support/process.h>
 #include <tests/support/sockets.h>
 
@@ -94,22 +95,6 @@ uint32_t length_of(net_buffer& buffer) {
     pthread_mutex_unlock(&buffer.mutex);
     return length;
 }
-
-// No thread, descriptor or block of a test is left.
-class Leftovers {
-  public:
-    bool none() const {
-        return eventually([this] {
-            return thread_count() == threads_ && descriptor_count() == descriptors_ &&
-                   live_allocations() == blocks_;
-        });
-    }
-
-  private:
-    int threads_ = thread_count();
-    int descriptors_ = descriptor_count();
-    int64_t blocks_ = live_allocations();
-};
 
 // Disconnect, connect, disconnect, ...
 bool alternates(const std::vector<std::string>& events) {
