@@ -1,19 +1,14 @@
 // The inventory's agent: reports the host that it runs on, and shows what the server knows.
 //
-// A client of the simple XML protocol needs no pool: it sends one document on a plain socket and
-// receives one. Every question has a connection of its own, so an agent that watches outlives its
-// server.
+// Every question has a connection of its own, so an agent that watches outlives its server.
 
-#include <ztlib/pools/threadpool/protocols/simple_xml.h>
-
+#include "client.h"
 #include "command_line.h"
 #include "messages.h"
-#include "network.h"
 #include "table.h"
 #include "text.h"
 #include "this_host.h"
 
-#include <cerrno>
 #include <string>
 
 #include <getopt.h>
@@ -39,33 +34,8 @@ struct Options {
 
 // --- asking --------------------------------------------------------------------------------------
 
-// Receives one document.
-Document receive(const Descriptor& connection) {
-    xmldoc* received = nullptr;
-    errno = 0;
-    switch (simple_xml_proto_sock_recv(connection.get(), &received)) {
-        case 0:
-            if (!received) throw std::runtime_error("the server closed the connection");
-            return Document(received);
-        case -2:
-            throw std::runtime_error("the server's answer is not XML");
-        default:
-            throw std::runtime_error(errno == EAGAIN ? "the server does not answer"
-                                                     : "cannot receive the server's answer");
-    }
-}
-
-// Sends a request and returns the hosts that are the answer. An error answer throws its message.
 std::vector<Host> ask(const Options& options, xmldoc& request) {
-    const Descriptor connection = connect_to(options.host, options.port, kAnswerSeconds);
-    if (simple_xml_proto_sock_send(connection.get(), &request) != 0)
-        throw std::runtime_error(std::string("cannot send: ") + strerror(errno));
-
-    const Document answer = receive(connection);
-    if (is_message(*answer, "hosts")) return answered_hosts(*answer);
-    if (is_message(*answer, "error"))
-        throw std::runtime_error(text_of(answer->root, "message", kMaxMessage));
-    throw std::runtime_error("the server's answer is of no known kind");
+    return inventory::ask(options.host, options.port, kAnswerSeconds, request);
 }
 
 std::vector<Host> report(const Options& options) {

@@ -26,6 +26,7 @@
 #include "command_line.h"
 #include "messages.h"
 #include "network.h"
+#include "stop_signals.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -287,19 +288,6 @@ struct Options {
     unsigned idle_seconds = 300;
 };
 
-// A descriptor that becomes readable when the program is to stop. To be made before any thread is,
-// so that all of them have the signals blocked and none is interrupted.
-Descriptor stop_signals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    Descriptor descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
-    if (!descriptor) throw std::runtime_error(std::string("signalfd(): ") + strerror(errno));
-    return descriptor;
-}
-
 bool is_shortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
@@ -345,7 +333,7 @@ int run(const Options& options) {
     const Descriptor listener = listen_on(options.bind, options.port);
     Server server;
 
-    const std::string address = listening_address(listener);
+    const std::string address = bound_address(listener);
     logger_log(LOGGER_INFO, kModule, __func__, "listening on %s", address.c_str());
     printf("listening on %s\n", address.c_str());
     fflush(stdout);

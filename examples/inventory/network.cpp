@@ -32,26 +32,31 @@ Addresses look_up(const std::string& host, uint16_t port, int flags) {
 
 }  // namespace
 
-Descriptor listen_on(const std::string& address, uint16_t port) {
+Descriptor bind_to(const std::string& address, uint16_t port) {
     const Addresses found = look_up(address, port, AI_NUMERICHOST);
-    Descriptor listener(socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    Descriptor bound(socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int on = 1;
-    if (!listener || setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        bind(listener.get(), found->ai_addr, found->ai_addrlen) != 0 ||
-        listen(listener.get(), SOMAXCONN) != 0)
+    if (!bound || setsockopt(bound.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        bind(bound.get(), found->ai_addr, found->ai_addrlen) != 0)
         fail(address, port, strerror(errno));
+    return bound;
+}
+
+Descriptor listen_on(const std::string& address, uint16_t port) {
+    Descriptor listener = bind_to(address, port);
+    if (listen(listener.get(), SOMAXCONN) != 0) fail(address, port, strerror(errno));
     return listener;
 }
 
-std::string listening_address(const Descriptor& listener) {
+std::string bound_address(const Descriptor& socket) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
     char host[NI_MAXHOST], port[NI_MAXSERV];
     auto* generic = reinterpret_cast<sockaddr*>(&address);
-    if (getsockname(listener.get(), generic, &length) != 0 ||
+    if (getsockname(socket.get(), generic, &length) != 0 ||
         getnameinfo(generic, length, host, sizeof host, port, sizeof port,
                     NI_NUMERICHOST | NI_NUMERICSERV) != 0)
-        throw std::runtime_error("cannot tell the listening address");
+        throw std::runtime_error("cannot tell the socket's address");
     const bool v6 = address.ss_family == AF_INET6;
     return (v6 ? "[" : "") + std::string(host) + (v6 ? "]:" : ":") + port;
 }

@@ -1,4 +1,4 @@
-// TCP sockets for both programs. Failures throw std::runtime_error with a line for the user, such
+// TCP sockets for all programs. Failures throw std::runtime_error with a line for the user, such
 // as "127.0.0.1 port 7420: Connection refused".
 #pragma once
 
@@ -30,11 +30,14 @@ class Descriptor {
     int fd_;
 };
 
-// A socket that listens on a numeric address; port 0 lets the system choose one. It does not block.
+// A socket bound to a numeric address; port 0 lets the system choose one. It does not block.
+Descriptor bind_to(const std::string& address, uint16_t port);
+
+// Such a socket that listens.
 Descriptor listen_on(const std::string& address, uint16_t port);
 
-// The address and port of a listening socket: "127.0.0.1:7420", "[::1]:7420".
-std::string listening_address(const Descriptor& listener);
+// The address and port that a socket is bound to: "127.0.0.1:7420", "[::1]:7420".
+std::string bound_address(const Descriptor& socket);
 
 // A connection to a host given by name or address. `seconds` bound each wait on it, the one for the
 // connection included.
