@@ -40,6 +40,15 @@ T* allocate(size_t count) {
     return static_cast<T*>(malloc(bytes));
 }
 
+// Zeroes a whole record, its padding too. The size is hidden from the compiler, which makes of a
+// small known one a string instruction that takes longer to start than the call takes.
+template <class T>
+void zero(T& record) {
+    size_t size = sizeof record;
+    __asm__("" : "+r"(size));
+    memset(&record, 0, size);
+}
+
 // A terminated copy of `length` characters, or null.
 template <class Char>
 Char* duplicate(const Char* text, size_t length) {

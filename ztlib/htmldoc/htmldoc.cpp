@@ -103,7 +103,7 @@ extern "C" htmldoc* htmldoc_create() {
 
 extern "C" int htmldoc_init(htmldoc* d) {
     if (!d) return -1;
-    memset(d, 0, sizeof *d);
+    zt::zero(*d);
     return buffer_init(&d->input);
 }
 
@@ -114,7 +114,7 @@ extern "C" int htmldoc_free(htmldoc* d, int free_record) {
     if (free_record > 0)
         free(d);
     else
-        memset(d, 0, sizeof *d);
+        zt::zero(*d);
     return 0;
 }
 

@@ -29,7 +29,7 @@ constexpr zt::http::Family kFamily = {
 
 extern "C" int http_doc_init(http_document* d) {
     if (!d) return -1;
-    memset(d, 0, sizeof *d);
+    zt::zero(*d);
     return 0;
 }
 
@@ -39,7 +39,7 @@ extern "C" void http_free(http_document* d, int free_record) {
     if (free_record > 0)
         free(d);
     else
-        memset(d, 0, sizeof *d);
+        zt::zero(*d);
 }
 
 extern "C" http_document* http_dublicate_document(const http_document* d) {

@@ -135,7 +135,7 @@ bool add_parameter(NewOptions& parameters, std::string_view key, std::string_vie
     decode_uri_piece(from_equals, decoded.get(), printable(from_equals.size()), family.uri_decode,
                      length);
     decoded.get()[length] = '\0';
-    return parameters.prepend(name, std::move(decoded)) != nullptr;
+    return parameters.prepend_owned(name, decoded.release()) != nullptr;
 }
 
 }  // namespace

@@ -22,6 +22,7 @@ namespace zt::http {
 
 namespace {
 
+constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kBlockEnd = "\r\n\r\n";
 constexpr auto npos = std::string_view::npos;
 
@@ -56,9 +57,24 @@ int as_int(size_t length) { return static_cast<int>(length); }
 // --- the end of the block
 // ---------------------------------------------------------------------------
 
+// From `at` on: where a line feed stands with a CR behind it, as in the middle of a block's end and
+// nowhere else in most blocks, or a zero byte; or the text's length.
+size_t find_feed_before_return(std::string_view text, size_t at) {
+    for (; text.size() - at > zt::Sixteen::kCount; at += zt::Sixteen::kCount) {
+        const zt::Sixteen here(text.data() + at);
+        const zt::Sixteen next(text.data() + at + 1);
+        if (const unsigned found = (here.where('\n') & next.where('\r')) | here.where('\0'))
+            return at + static_cast<unsigned>(__builtin_ctz(found));
+    }
+    for (; at < text.size(); at++)
+        if (text[at] == '\0' || (text[at] == '\n' && at + 1 < text.size() && text[at + 1] == '\r'))
+            break;
+    return at;
+}
+
 // True when the four bytes that end with the line feed at `line_feed` end a block.
 bool ends_block(std::string_view text, size_t line_feed) {
-    return line_feed + 1 >= kBlockEnd.size() &&
+    return line_feed + 1 >= kBlockEnd.size() && line_feed < text.size() &&
            memcmp(text.data() + line_feed + 1 - kBlockEnd.size(), kBlockEnd.data(),
                   kBlockEnd.size()) == 0;
 }
@@ -85,15 +101,20 @@ size_t find_char(std::string_view text, char c) {
     return found ? static_cast<size_t>(static_cast<const char*>(found) - text.data()) : npos;
 }
 
-// Takes the next line off the block; any run of CR and LF separates lines. Empty at the end.
-std::string_view take_line(std::string_view& block) {
-    size_t start = 0;
-    while (start < block.size() && (block[start] == '\r' || block[start] == '\n')) start++;
-    block.remove_prefix(start);
-    std::string_view line = zt::front(block, find_char(block, '\n'));
-    line = zt::front(line, find_char(line, '\r'));
-    block.remove_prefix(line.size());
-    return line;
+bool ends_line(char c) { return c == '\r' || c == '\n'; }
+
+// Hands each line of the block to `take` until one is not taken. Any run of CR and LF separates
+// lines.
+template <class Take>
+Verdict for_each_line(std::string_view block, Take take) {
+    for (size_t at = 0;;) {
+        while (at < block.size() && ends_line(block[at])) at++;
+        if (at == block.size()) return Verdict::taken;
+        const size_t length = zt::find_any(from(block, at), '\r', '\n');
+        const Verdict verdict = take(std::string_view(block.data() + at, length));
+        if (verdict != Verdict::taken) return verdict;
+        at += length;
+    }
 }
 
 // --- what a block says
@@ -133,30 +154,21 @@ class Head {
 };
 
 Verdict Head::read(std::string_view block) {
-    for (std::string_view line; !(line = take_line(block)).empty();) {
-        Verdict verdict;
-        if (start_line_is_due_) {
-            verdict = read_start_line(line);
-        } else {
-            const size_t colon = find_char(line, ':');
-            if (colon == npos)
-                return refuse_("parse options (can't find : in '%.*s')\n", as_int(line.size()),
-                               line.data());
-            verdict = read_header_line(line, colon);
-        }
-        if (verdict != Verdict::taken) return verdict;
-    }
-    return Verdict::taken;
+    return for_each_line(block, [this](std::string_view line) {
+        if (start_line_is_due_) return read_start_line(line);
+        const size_t colon = zt::find_any(line, ':');
+        if (colon == line.size())
+            return refuse_("parse options (can't find : in '%.*s')\n", as_int(line.size()),
+                           line.data());
+        return read_header_line(line, colon);
+    });
 }
 
 Verdict Head::read_cgi(std::string_view block) {
-    for (std::string_view line; !(line = take_line(block)).empty();) {
-        const size_t colon = find_char(line, ':');
-        if (colon == npos) continue;
-        const Verdict verdict = read_header_line(line, colon);
-        if (verdict != Verdict::taken) return verdict;
-    }
-    return Verdict::taken;
+    return for_each_line(block, [this](std::string_view line) {
+        const size_t colon = zt::find_any(line, ':');
+        return colon == line.size() ? Verdict::taken : read_header_line(line, colon);
+    });
 }
 
 Verdict Head::read_start_line(std::string_view line) {
@@ -281,19 +293,15 @@ bool says_number(const char* text, uint32_t number) {
 }  // namespace
 
 size_t find_block_end(std::string_view text, size_t searched) {
-    for (size_t from = searched; from < text.size();) {
-        const void* found = memchr(text.data() + from, '\n', text.size() - from);
-        if (!found) return npos;
-        const auto line_feed = static_cast<size_t>(static_cast<const char*>(found) - text.data());
-        if (ends_block(text, line_feed)) {
-            const size_t end = line_feed + 1 - kBlockEnd.size();
-            const bool hidden =
-                searched == 0 ? has_zero_byte(zt::front(text, end)) : is_hidden(text, line_feed);
-            return hidden ? npos : end;
-        }
-        from = line_feed + 1;
+    // The block's last line feed but one may stand among the bytes that were searched.
+    for (size_t at = searched - std::min<size_t>(searched, 2);; at++) {
+        at = find_feed_before_return(text, at);
+        if (at == text.size() || text[at] == '\0') return npos;
+        const size_t last = at + 2;
+        if (!ends_block(text, last)) continue;
+        const bool hidden = searched != 0 && is_hidden(text, last);
+        return hidden ? npos : last + 1 - kBlockEnd.size();
     }
-    return npos;
 }
 
 Verdict judge_block(std::string_view text, size_t end, const Family& family) {
@@ -317,7 +325,7 @@ bool is_whole_body(htmldoc_option* options, uint32_t length) {
 Receipt take_block(const Message& m, const Family& family, std::string_view text, size_t end) {
     const Refusal refuse(family, text);
     Head head(m, family, refuse);
-    const Verdict verdict = head.read(zt::front(text, end));
+    const Verdict verdict = head.read(zt::front(text, end + kLineEnd.size()));
     if (verdict == Verdict::refused) head.store(m);
     if (verdict != Verdict::taken) return {verdict};
 
@@ -343,7 +351,7 @@ Verdict receive_cgi(const Message& m, const Family& family, std::string_view tex
     const Refusal refuse(family, text);
     Head head(m, family, refuse);
     if (m.header_ok == 0) {
-        const Verdict verdict = head.read_cgi(zt::front(text, end));
+        const Verdict verdict = head.read_cgi(zt::front(text, end + kLineEnd.size()));
         if (verdict == Verdict::refused) head.store(m);
         if (verdict != Verdict::taken) return verdict;
     }

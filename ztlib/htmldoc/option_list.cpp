@@ -15,16 +15,17 @@ void free_node(htmldoc_option* node) {
     free(node);
 }
 
-// An unlinked node that owns `value`, or null when there is none or memory is out.
-inline htmldoc_option* make_node(std::string_view name, Owned<char>& value) {
-    if (!value) return nullptr;
-    auto* node = allocate<htmldoc_option>(1);
+// An unlinked node that owns `value`. Null, with the value released, when there is none or memory
+// is out.
+inline htmldoc_option* make_node(std::string_view name, char* value) {
+    auto* node = value ? allocate<htmldoc_option>(1) : nullptr;
     char* name_copy = node ? duplicate(name.data(), name.size()) : nullptr;
     if (!name_copy) {
         free(node);
+        free(value);
         return nullptr;
     }
-    *node = {name_copy, value.release(), nullptr, nullptr};
+    *node = {name_copy, value, nullptr, nullptr};
     return node;
 }
 
@@ -42,8 +43,7 @@ std::string_view view_of(const char* text) { return text ? text : ""; }
 
 htmldoc_option* append_option(htmldoc_option*& head, std::string_view name,
                               std::string_view value) {
-    Owned<char> value_copy(duplicate(value.data(), value.size()));
-    htmldoc_option* node = make_node(name, value_copy);
+    htmldoc_option* node = make_node(name, duplicate(value.data(), value.size()));
     if (!node) return nullptr;
     htmldoc_option** tail = &head;
     while (*tail) tail = &(*tail)->next;
@@ -84,16 +84,19 @@ size_t write_query(const htmldoc_option* head, std::span<char> out) {
     return out.size() - 1 - room.size();
 }
 
-const htmldoc_option* NewOptions::prepend(std::string_view name, std::string_view value) {
-    return prepend(name, Owned<char>(duplicate(value.data(), value.size())));
-}
-
-const htmldoc_option* NewOptions::prepend(std::string_view name, Owned<char> value) {
-    htmldoc_option* node = make_node(name, value);
+inline const htmldoc_option* NewOptions::link(htmldoc_option* node) {
     if (!node) return nullptr;
     if (!head_) last_ = node;
     link_at(head_, node);
     return node;
+}
+
+const htmldoc_option* NewOptions::prepend(std::string_view name, std::string_view value) {
+    return link(make_node(name, duplicate(value.data(), value.size())));
+}
+
+const htmldoc_option* NewOptions::prepend_owned(std::string_view name, char* value) {
+    return link(make_node(name, value));
 }
 
 bool NewOptions::prepend_copies_of(const htmldoc_option* list) {

@@ -33,7 +33,8 @@ class NewOptions {
 
     // Links a new node at the head. Null when memory is out.
     const htmldoc_option* prepend(std::string_view name, std::string_view value);
-    const htmldoc_option* prepend(std::string_view name, Owned<char> value);
+    // Takes `value` over, also when it fails; a null one is memory that was out.
+    const htmldoc_option* prepend_owned(std::string_view name, char* value);
 
     // Prepends a copy of each node of `list` in turn, which reverses their order. False when memory
     // is out.
@@ -43,6 +44,8 @@ class NewOptions {
     void move_in_front_of(htmldoc_option*& list);
 
   private:
+    const htmldoc_option* link(htmldoc_option* node);
+
     htmldoc_option* head_ = nullptr;
     htmldoc_option* last_ = nullptr;
 };
