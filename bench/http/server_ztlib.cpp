@@ -16,8 +16,8 @@ int main(int count, char** arguments) {
         return 2;
     }
     const bool reads = arguments[3] == std::string_view("read");
-    const HttpServer server(static_cast<uint16_t>(atoi(arguments[1])), atoi(arguments[2]),
-                            reads ? HttpServer::Answers::on_read_thread
-                                  : HttpServer::Answers::on_process_thread);
+    const HttpServer server(
+        static_cast<uint16_t>(atoi(arguments[1])), atoi(arguments[2]),
+        reads ? HttpServer::Answers::on_read_thread : HttpServer::Answers::on_process_thread);
     for (;;) pause();
 }
