@@ -28,6 +28,7 @@
 #include <ztlib/network/lead4.h>
 #include <ztlib/network/socket_client/socket_client.h>
 #include <ztlib/network/socket_listener.h>
+#include <ztlib/network/websocket.h>
 
 #include <ztlib/pools/threadpool/netthreadpool.h>
 #include <ztlib/pools/threadpool/protocols/simple_xml.h>
