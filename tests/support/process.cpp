@@ -20,14 +20,6 @@ namespace zt_test {
 
 namespace {
 
-std::string whole_file(int descriptor) {
-    struct stat status;
-    if (fstat(descriptor, &status) != 0) abort();
-    std::string text(static_cast<size_t>(status.st_size), '\0');
-    if (pread(descriptor, text.data(), text.size(), 0) != status.st_size) abort();
-    return text;
-}
-
 int entries_of(const char* directory) {
     DIR* listing = opendir(directory);
     if (!listing) abort();
@@ -88,6 +80,14 @@ void run_on_stack(size_t bytes, const std::function<void()>& work) {
         abort();
     pthread_join(thread, nullptr);
     pthread_attr_destroy(&attributes);
+}
+
+std::string whole_file(int descriptor) {
+    struct stat status;
+    if (fstat(descriptor, &status) != 0) abort();
+    std::string text(static_cast<size_t>(status.st_size), '\0');
+    if (pread(descriptor, text.data(), text.size(), 0) != status.st_size) abort();
+    return text;
 }
 
 int thread_count() { return entries_of("/proc/self/task"); }

@@ -35,6 +35,9 @@ bool eventually(Condition condition, std::chrono::milliseconds limit = std::chro
     return true;
 }
 
+// All that an open file holds.
+std::string whole_file(int descriptor);
+
 // How many threads this process has, and how many descriptors it has open.
 int thread_count();
 int descriptor_count();
