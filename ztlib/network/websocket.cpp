@@ -4,9 +4,9 @@
 #include <ztlib/network/websocket.h>
 
 #include <ztlib/base/memory.h>
+#include <ztlib/utils/converters.h>
 #include <ztlib/htmldoc/option_list.hpp>
 #include <ztlib/network/websocket_mask.hpp>
-#include <ztlib/utils/converters.h>
 #include <ztlib/utils/vectors.hpp>
 
 #include <openssl/sha.h>
