@@ -549,12 +549,19 @@ TEST(WebSocketMask, IsTheSameWideAndNarrowAtEveryLengthAndPlace) {
         for (size_t n = 0; n <= 200; ++n) {
             for (const size_t place : {0, 1, 6, 8, 14, 31}) {
                 const Bytes before = sample(n + 64);
-                Bytes after = before;
-                zt::websocket::mask(after.data() + place, n, key, wide);
-
                 Bytes expected = before;
                 for (size_t i = 0; i < n; ++i) expected[place + i] ^= kKey[i % 4];
+                Bytes copied(n + 64);
+                std::copy_n(&expected[place], n, copied.begin());
+
+                Bytes after = before, copy(n + 64);
+                zt::websocket::unmask(&after[place], copy.data(), n, key, wide);
                 ASSERT_EQ(after, expected) << n << " bytes, wide " << wide;
+                ASSERT_EQ(copy, copied) << n << " bytes, wide " << wide;
+
+                after = before;
+                zt::websocket::unmask(&after[place], &after[place], n, key, wide);
+                ASSERT_EQ(after, expected) << n << " bytes in place, wide " << wide;
             }
         }
     }

@@ -1,5 +1,5 @@
-// Frames are decoded in three steps: judge the header, unmask in place, copy. The last two take
-// turns a piece at a time, so that what is copied is still in the nearest cache.
+// The handshake makes all that it needs before it touches the response. A frame is judged by its
+// header, whole, before a byte of it is changed; websocket_mask.hpp does the rest.
 
 #include <ztlib/network/websocket.h>
 
@@ -117,26 +117,6 @@ int read_header(const unsigned char* data, unsigned available, Header& header) {
     return kDecoded;
 }
 
-bool overlap(const unsigned char* a, const unsigned char* b, size_t length) {
-    const auto first = reinterpret_cast<uintptr_t>(std::min(a, b));
-    const auto second = reinterpret_cast<uintptr_t>(std::max(a, b));
-    return second - first < length;
-}
-
-// Unmasks `from` in place and copies it to `to`.
-void unmask_and_copy(unsigned char* from, unsigned char* to, size_t length, uint32_t key) {
-    constexpr size_t kPiece = 4096;
-    static_assert(kPiece % zt::websocket::kKeyBytes == 0, "each piece begins with the key");
-
-    const bool wide = zt::vectors::available();
-    const size_t piece = overlap(from, to, length) ? length : kPiece;
-    for (size_t done = 0; done < length; done += piece) {
-        const size_t n = std::min(piece, length - done);
-        zt::websocket::mask(from + done, n, key, wide);
-        memmove(to + done, from + done, n);
-    }
-}
-
 }  // namespace
 
 extern "C" int websocket_handshake(htmldoc* request, htmldoc* response) {
@@ -176,7 +156,7 @@ extern "C" int websocket_wrap(unsigned char* data, int len, void* payload, unsig
     unsigned char* const from = data + header.size;
     auto* const to = static_cast<unsigned char*>(payload);
     if (header.masked)
-        unmask_and_copy(from, to, length, header.key);
+        zt::websocket::unmask(from, to, length, header.key, zt::vectors::available());
     else
         memmove(to, from, length);
     to[length] = '\0';

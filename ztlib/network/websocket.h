@@ -31,7 +31,8 @@ ZT_BEGIN_DECLS
  *     Connection: Upgrade
  *     Sec-WebSocket-Accept: <base64 of the SHA-1 of the key and RFC 6455's GUID>
  *
- * The three options stand behind those that the response has; its url is not released.
+ * The three options stand behind those that the response has. Its url is not released; one whose
+ * url_length is 0 is the caller's, and is NULL afterwards.
  * Of the request only the option "Sec-WebSocket-Key" is looked at, spelled so: method, version,
  * "Upgrade" and origin are the caller's to judge.
  *
