@@ -6,8 +6,10 @@
 #include <tests/support/capture.h>
 #include <tests/support/faults.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <random>
 
 using namespace zt_test;
 using testing::ElementsAre;
@@ -83,6 +85,64 @@ TEST(HttpDocument, KeepsAnIncompleteBlockInItsInput) {
     EXPECT_EQ(d.record.header_ok, 0);
     EXPECT_EQ(d.wrap("\r\n"), 0);
     EXPECT_EQ(d.record.input.length, 0u);
+}
+
+TEST(HttpDocument, FindsTheEndOfABlockHoweverItArrives) {
+    std::mt19937 random(1);
+    const auto below = [&](size_t n) { return random() % n; };
+    size_t ended = 0;
+    for (int round = 0; round < 5000; round++) {
+        std::string text = "GET / p\r\nA:";
+        for (size_t length = below(60); length > 0; length--) {
+            const size_t kind = below(100);
+            text += kind < 30 ? '\r' : kind < 60 ? '\n' : kind < 61 ? '\0' : 'b';
+        }
+        text += "bbbb";  // no end begins within its last bytes
+        SCOPED_TRACE(text);
+        const size_t end = text.find("\r\n\r\n");
+        const bool is_ended = end != std::string::npos && end < text.find('\0');
+        ended += is_ended;
+
+        CapturedStderr err;
+        Doc d;
+        size_t at = 0;
+        for (int result = 1; result == 1 && at < text.size();) {
+            const size_t piece = std::min(1 + below(20), text.size() - at);
+            result = d.wrap({text.data() + at, piece});
+            at += piece;
+            ASSERT_EQ(result != 1, is_ended && at >= end + 4);
+        }
+    }
+    EXPECT_GT(ended, 500u);
+}
+
+TEST(HttpDocument, CompletesABodyThatComesByteByByteAsContentLengthSays) {
+    for (const std::string announced : {"5", "+5", "0000000005", "5 bytes"}) {
+        SCOPED_TRACE(announced);
+        Doc d;
+        ASSERT_EQ(
+            d.wrap("POST / p\r\nContent-Length: " + announced + "\r\nContent-Type: x\r\n\r\n"), 1);
+        for (const char c : {'h', 'e', 'l', 'l'}) ASSERT_EQ(htmldoc_wrap(&d.record, &c, 1), 1);
+        EXPECT_EQ(htmldoc_wrap(&d.record, "o", 1), 0);
+        EXPECT_EQ(d.body(), "hello");
+        EXPECT_EQ(d.record.body.data[5], '\0');
+        EXPECT_EQ(d.record.body_ok, 1);
+    }
+}
+
+TEST(HttpDocument, LooksContentLengthUpAfterEveryByte) {
+    Doc d;
+    ASSERT_EQ(d.wrap("POST / p\r\nContent-Length: 9\r\n\r\nab"), 1);
+    EXPECT_EQ(d.wrap("c"), 1);
+    strcpy(d.record.options->value, "5");
+    EXPECT_EQ(d.wrap("d"), 1);
+    EXPECT_EQ(d.wrap("e"), 0);
+
+    Doc without;
+    ASSERT_EQ(without.wrap("POST / p\r\nContent-Length: 9\r\n\r\nab"), 1);
+    EXPECT_EQ(without.wrap("c"), 1);
+    _htmldoc_options_free(&without.record.options);
+    EXPECT_EQ(without.wrap("d"), 0);
 }
 
 TEST(HttpDocument, NeverCompletesABodyAboveTheAnnouncedLength) {

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <random>
 
 using namespace zt_test;
 using testing::ElementsAre;
@@ -33,6 +34,40 @@ const std::string kRequest =
     "GET /a?x=1&y=2 HTTP/1.1\r\n"
     "Host: h\r\n"
     "\r\n";
+
+// What the parser makes of a CGI program's output, in the plainest words.
+struct CgiHeader {
+    int result = 1;
+    Pairs options;
+
+    explicit CgiHeader(const std::string& text) {
+        const size_t end = text.find("\r\n\r\n");
+        if (text[0] == '\r' || text[0] == '\n') result = -1;
+        if (result == -1 || end == std::string::npos || end > text.find('\0')) return;
+        result = 0;
+        std::string line;
+        for (const char c : text.substr(0, end) + "\n") {
+            if (c != '\r' && c != '\n') {
+                line += c;
+                continue;
+            }
+            if (!add(line)) {
+                result = -1;
+                return;
+            }
+            line.clear();
+        }
+    }
+
+    bool add(const std::string& line) {
+        const size_t colon = line.find(':');
+        if (colon == std::string::npos) return true;
+        const size_t value = line.find_first_not_of(' ', colon + 1);
+        if (value == std::string::npos) return false;
+        options.insert(options.begin(), {line.substr(0, colon), line.substr(value)});
+        return true;
+    }
+};
 
 }  // namespace
 
@@ -189,9 +224,20 @@ TYPED_TEST(HttpMessage, CompletesItsBodyAsContentLengthSays) {
         const char* body;
         int result;
     } cases[] = {
-        {"0", "", 0},       {"5", "", 1},       {"5", "hell", 1},    {"5", "hello", 0},
-        {"5", "hello!", 1}, {"0", "x", 1},      {"x", "", 0},        {"5 ", "hello", 0},
-        {"+5", "hello", 0}, {"-5", "hello", 1}, {"5;q", "hello", 0},
+        {"0", "", 0},
+        {"5", "", 1},
+        {"5", "hell", 1},
+        {"5", "hello", 0},
+        {"5", "hello!", 1},
+        {"0", "x", 1},
+        {"x", "", 0},
+        {"5 ", "hello", 0},
+        {"+5", "hello", 0},
+        {"-5", "hello", 1},
+        {"5;q", "hello", 0},
+        {"\t5", "hello", 0},
+        {"0000000005", "hello", 0},
+        {"99999999999", "hello", 1},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.announced) + "/" + c.body);
@@ -233,6 +279,32 @@ TYPED_TEST(HttpMessage, NeverFindsABlockThatAZeroByteHides) {
     EXPECT_EQ(d.wrap_cgi(text), 1);
     EXPECT_EQ(d.record.header_ok, 0);
     EXPECT_STREQ(d.record.method, "");
+}
+
+TYPED_TEST(HttpMessage, ReadsLinesOfAnyLengthAndSeparation) {
+    std::mt19937 random(1);
+    const auto below = [&](size_t n) { return random() % n; };
+    int results[3] = {};
+    for (int round = 0; round < 5000; round++) {
+        std::string text;
+        while (below(6) != 0) {
+            text += std::string(below(24), 'n') + (below(8) == 0 ? "" : ":");
+            text += std::string(below(3), ' ') + std::string(below(40), 'v');
+            if (below(40) == 0) text += '\0';
+            constexpr const char* kSeparators[] = {"\r\n", "\r\n", "\r\n", "\n", "\r", "\n\r\n"};
+            text += kSeparators[below(6)];
+        }
+        text += below(8) == 0 ? "\r\n" : "x: y\r\n\r\n";
+        SCOPED_TRACE(text);
+
+        const CgiHeader expected(text);
+        CapturedStderr err;
+        Document<TypeParam> d;
+        ASSERT_EQ(d.wrap_cgi(text), expected.result);
+        ASSERT_EQ(d.options(), expected.options);
+        results[expected.result + 1]++;
+    }
+    for (const int count : results) EXPECT_GT(count, 100);
 }
 
 TYPED_TEST(HttpMessage, BoundsTheHeaderBlock) {
@@ -406,6 +478,25 @@ TYPED_TEST(HttpMessage, SplitsAFormAsItAlwaysHas) {
         EXPECT_EQ(err.text(), c.said);
         EXPECT_EQ(d.post_params(), c.params);
     }
+}
+
+TYPED_TEST(HttpMessage, SaysWhatItCutsInTheFormsOrder) {
+    const std::string function = this->hidden("_uri_decode");
+    std::string form;
+    std::string said;
+    for (size_t n = 1; n <= 60; n++) {
+        form += "key=" + std::string(n, 'v') + "&";
+        said += function + ": destination buffer to small " + std::to_string(n + 1) + "\n";
+        if (n % 20 != 0) continue;
+        form += "key=" + std::string(2000, 'v') + "%4&";
+        said += "decode fail for '=" + std::string(2000, 'v') + "%4' di=2001\n";
+    }
+    Document<TypeParam> d;
+    ASSERT_EQ(d.wrap("POST / p\r\n\r\n" + form + "key"), 0);
+    CapturedStderr err;
+    EXPECT_EQ(TypeParam::wrap_post(&d.record), -1);
+    EXPECT_EQ(err.text(), said + this->under("_wrap_post") + ": missing '=' in 'key'\n");
+    EXPECT_EQ(d.post_params().size(), 63u);
 }
 
 TYPED_TEST(HttpMessage, SplitsTheBodyInPlace) {

@@ -1,8 +1,13 @@
 // Many small pieces for standard error, which has no buffer of its own, in few writes.
 #pragma once
 
+#include <ztlib/base/text.h>
+
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
+#include <initializer_list>
+#include <string_view>
 
 namespace zt {
 
@@ -24,13 +29,26 @@ class StderrBlock {
         if (printed > 0) used_ += static_cast<size_t>(printed) < kPiece ? printed : kPiece - 1;
     }
 
-  private:
-    static constexpr size_t kPiece = 16;
+    // A line, given in parts, has at most kLine bytes and is not torn apart.
+    void add_line(std::initializer_list<std::string_view> parts) {
+        if (used_ + kLine > sizeof block_) flush();
+        const size_t end = used_ + kLine;
+        for (const std::string_view part : parts) {
+            const std::string_view fitting = front(part, end - used_);
+            memcpy(block_ + used_, fitting.data(), fitting.size());
+            used_ += fitting.size();
+        }
+    }
 
+    // Writes what was collected; to be called before anything is written past this block.
     void flush() {
         fwrite(block_, 1, used_, stderr);
         used_ = 0;
     }
+
+  private:
+    static constexpr size_t kPiece = 16;
+    static constexpr size_t kLine = 128;
 
     char block_[1024];
     size_t used_ = 0;

@@ -60,27 +60,29 @@ void copy(char* to, const void* src, size_t n) {
 }
 
 // Gives a buffer that has no room for `more` bytes a new block. Where data is null the text of the
-// length that the record claims is made of zeros.
-[[gnu::noinline]] bool grow(Fields b, size_t more, size_t most, const char* function) {
-    const size_t capacity = std::max(more + 2 * size_t{b.capacity}, b.length + more) + 1;
+// length that the record claims is made of zeros. (The fields come one by one, in registers.)
+[[gnu::noinline]] bool grow(char*& data, unsigned& capacity, unsigned length, size_t more,
+                            size_t most, const char* function) {
+    const size_t grown = std::max(more + 2 * size_t{capacity}, length + more) + 1;
 
-    char* data = nullptr;
-    if (capacity <= most)
-        data = static_cast<char*>(realloc(b.data, capacity));
+    char* block = nullptr;
+    if (grown <= most)
+        block = static_cast<char*>(realloc(data, grown));
     else
         errno = ENOMEM;
-    if (!data) {
+    if (!block) {
         fprintf(stderr, "%s:%s realloc():%s\n", kModule, function, strerror(errno));
         return false;
     }
-    if (!b.data) memset(data, 0, b.length);
-    b.data = data;
-    b.capacity = static_cast<unsigned>(capacity);
+    if (!data && length != 0) memset(block, 0, length);
+    data = block;
+    capacity = static_cast<unsigned>(grown);
     return true;
 }
 
 bool make_room(Fields b, size_t more) {
-    return b.has_room(more) || grow(b, more, kMostForMakeRoom, "buffer_make_room");
+    return b.has_room(more) ||
+           grow(b.data, b.capacity, b.length, more, kMostForMakeRoom, "buffer_make_room");
 }
 
 // The length of the text that the arguments make, printed into `room` bytes as far as it fits;
@@ -173,7 +175,8 @@ extern "C" char* buffer_append(char** data, unsigned* capacity, unsigned* length
     const Fields b{*data, *capacity, *length};
     const size_t more = n >= 0 ? static_cast<size_t>(n) : kMoreThanFits;
 
-    if (!b.has_room(more) && !grow(b, more, kMostForAppend, __func__)) return nullptr;
+    if (!b.has_room(more) && !grow(b.data, b.capacity, b.length, more, kMostForAppend, __func__))
+        return nullptr;
     copy(b.end(), src, more);
     b.length += static_cast<unsigned>(more);
     *b.end() = '\0';

@@ -47,12 +47,17 @@ void cut(buffer& input, uint32_t length) {
 }
 
 // True for a byte that goes on with a line of a block that is being received: it cannot end the
-// block, and nothing else is to be judged. (A marked block has no room.)
-bool goes_on_with_line(const htmldoc& d, std::string_view bytes) {
+// block, and nothing else is to be judged. There is room for it. (A marked block has none.)
+bool goes_on_with_line(const htmldoc& d, char byte) {
     const buffer& input = d.input;
-    return bytes.size() == 1 && bytes[0] != '\n' && d.header_ok == 0 && input.length != 0 &&
-           input.length + 1 < input.capacity && input.length < HTMLDOC_HEADER_LENGTH &&
+    return byte != '\n' && d.header_ok == 0 && input.length != 0 &&
+           zt::http::has_room_for_one(input) && input.length < HTMLDOC_HEADER_LENGTH &&
            input.data[0] != '\r' && input.data[0] != '\n';
+}
+
+// True when what comes next is body and nothing else.
+bool awaits_body(const htmldoc& d) {
+    return d.header_ok != 0 && d.body_ok == 0 && d.input.length == 0;
 }
 
 // Nothing is waiting in the input: the bytes are used where they lie, and what is left of them
@@ -81,6 +86,15 @@ Verdict receive_behind_input(htmldoc& d, std::string_view bytes) {
         buffer_remove(&input.data, &input.capacity, &input.length, static_cast<int>(receipt.bytes));
     }
     return receipt.verdict;
+}
+
+// Any piece of a message. (Out of line, so that a single byte pays for nothing of it.)
+[[gnu::noinline]] int receive_piece(htmldoc& d, std::string_view bytes) {
+    if (awaits_body(d)) return zt::http::take_body(d.body, d.options, d.body_ok, bytes);
+    const Verdict verdict =
+        d.input.length == 0 ? receive_at_once(d, bytes) : receive_behind_input(d, bytes);
+    if (verdict == Verdict::refused) mark_refused(d.input);
+    return zt::http::result_of(d, verdict);
 }
 
 }  // namespace
@@ -142,17 +156,15 @@ extern "C" int htmldoc_wrap(htmldoc* d, const char* data, int len) {
     if (len == 0) return 1;
     if (!data || len < 0) return -1;
 
-    const std::string_view bytes(data, static_cast<size_t>(len));
-    if (goes_on_with_line(*d, bytes)) {
-        zt::http::append(d->input, bytes);
+    if (len == 1 && goes_on_with_line(*d, *data)) {
+        zt::http::put(d->input, *data);
         return 1;
     }
-    if (d->header_ok != 0 && d->body_ok == 0 && d->input.length == 0)
-        return zt::http::result_of(*d, zt::http::take_body(*d, bytes));
-    const Verdict verdict =
-        d->input.length == 0 ? receive_at_once(*d, bytes) : receive_behind_input(*d, bytes);
-    if (verdict == Verdict::refused) mark_refused(d->input);
-    return zt::http::result_of(*d, verdict);
+    if (len == 1 && awaits_body(*d) && zt::http::has_room_for_one(d->body)) {
+        zt::http::put(d->body, *data);
+        return zt::http::judge_body(d->options, d->body.length, d->body_ok);
+    }
+    return receive_piece(*d, {data, static_cast<size_t>(len)});
 }
 
 extern "C" int htmldoc_wrap_cgi(htmldoc* d, const char* text, int len) {

@@ -3,6 +3,7 @@
 #include <ztlib/htmldoc/message.hpp>
 
 #include <ztlib/base/memory.h>
+#include <ztlib/base/stderr_block.h>
 #include <ztlib/base/text.h>
 #include <ztlib/htmldoc/option_list.hpp>
 #include <ztlib/htmldoc/uri.hpp>
@@ -127,13 +128,13 @@ void terminate_pieces(char* text, size_t length) {
 // One parameter: the key without its last character, and what decoding from the '=' on gives within
 // the room of the value and its '='.
 bool add_parameter(NewOptions& parameters, std::string_view key, std::string_view from_equals,
-                   const Family& family) {
+                   const Family& family, StderrBlock& said) {
     const std::string_view name = zt::front(key, key.empty() ? 0 : key.size() - 1);
     Owned<char> decoded(allocate<char>(from_equals.size() + 1));
     if (!decoded) return false;
     size_t length = 0;
     decode_uri_piece(from_equals, decoded.get(), printable(from_equals.size()), family.uri_decode,
-                     length);
+                     said, length);
     decoded.get()[length] = '\0';
     return parameters.prepend_owned(name, decoded.release()) != nullptr;
 }
@@ -233,16 +234,18 @@ int split_form(const Message& m, const Family& family) {
     std::string_view rest(m.body.data, strnlen(m.body.data, m.body.length));
     const size_t length = rest.size();
     NewOptions parameters;
+    StderrBlock said;  // a line for most parameters
     int result = 0;
     for (std::string_view piece; !(piece = take_piece(rest)).empty();) {
         const size_t equals = piece.find('=');
         if (equals == std::string_view::npos) {
+            said.flush();
             fprintf(stderr, "%s: missing '=' in '%.*s'\n", family.wrap_post,
                     printable(piece.size()), piece.data());
             result = -1;
             break;
         }
-        if (!add_parameter(parameters, zt::front(piece, equals), from(piece, equals), family))
+        if (!add_parameter(parameters, zt::front(piece, equals), from(piece, equals), family, said))
             return -1;
     }
     // The '&' behind the last piece that was looked at is its end too.

@@ -57,14 +57,17 @@ Message message_of(Record& d) {
             d.header_ok, d.get_params, d.post_params, d.body,     d.body_ok};
 }
 
+// A byte at a time, as from a slow sender, costs no more than itself while there is room.
+inline bool has_room_for_one(const buffer& b) { return b.length + 1 < b.capacity; }
+inline void put(buffer& to, char byte) {
+    char* const end = to.data + to.length;
+    to.length++;
+    end[0] = byte;
+    end[1] = '\0';
+}
+
 // Appends to a buffer. False when memory is out; buffer_append() has said so.
 inline bool append(buffer& to, std::string_view bytes) {
-    // A byte at a time, as from a slow sender, costs no more than itself while there is room.
-    if (bytes.size() == 1 && to.length + 1 < to.capacity) {
-        to.data[to.length++] = bytes[0];
-        to.data[to.length] = '\0';
-        return true;
-    }
     if (bytes.size() > INT_MAX) return false;
     return buffer_append(&to.data, &to.capacity, &to.length, bytes.data(),
                          static_cast<int>(bytes.size())) != nullptr;

@@ -60,10 +60,11 @@ int as_int(size_t length) { return static_cast<int>(length); }
 // From `at` on: where a line feed stands with a CR behind it, as in the middle of a block's end and
 // nowhere else in most blocks, or a zero byte; or the text's length.
 size_t find_feed_before_return(std::string_view text, size_t at) {
-    for (; text.size() - at > zt::Sixteen::kCount; at += zt::Sixteen::kCount) {
-        const zt::Sixteen here(text.data() + at);
-        const zt::Sixteen next(text.data() + at + 1);
-        if (const unsigned found = (here.where('\n') & next.where('\r')) | here.where('\0'))
+    for (; text.size() - at > sizeof(zt::Sixteen); at += sizeof(zt::Sixteen)) {
+        const zt::Sixteen here = zt::load_sixteen(text.data() + at);
+        const zt::Sixteen next = zt::load_sixteen(text.data() + at + 1);
+        const auto marks = ((here == '\n') & (next == '\r')) | (here == '\0');
+        if (const unsigned found = zt::bits_of(marks))
             return at + static_cast<unsigned>(__builtin_ctz(found));
     }
     for (; at < text.size(); at++)
@@ -270,24 +271,22 @@ bool equals(const char* text, const char (&literal)[size]) {
     return equals(text, literal, std::make_index_sequence<size>());
 }
 
-// True when atoi() makes this number of the text.
-[[gnu::noinline, gnu::cold]] bool is_what_atoi_reads(const char* text, uint32_t number) {
-    return static_cast<uint32_t>(atoi(text)) == number;
+// The first node of this name, or null.
+template <size_t size>
+const htmldoc_option* find_named(const htmldoc_option* node, const char (&name)[size]) {
+    while (node && !(node->name && equals(node->name, name))) node = node->next;
+    return node;
 }
 
-// The same, and sooner where the text is a few plain digits.
-bool says_number(const char* text, uint32_t number) {
-    constexpr int kSureDigits = 9;  // never too many for an int
-    uint32_t said = 0;
-    for (int i = 0; i < kSureDigits; i++) {
-        const unsigned digit = static_cast<unsigned char>(text[i]) - unsigned{'0'};
-        if (digit > 9) {
-            if (i == 0) break;
-            return said == number;
-        }
-        said = said * 10 + digit;
-    }
-    return is_what_atoi_reads(text, number);
+int finish_body(uint8_t& body_ok, bool is_whole) {
+    body_ok = is_whole;
+    return is_whole ? 0 : 1;
+}
+
+// Whatever atoi() makes a number of.
+[[gnu::noinline, gnu::cold]] int judge_by_atoi(const char* announced, uint32_t length,
+                                               uint8_t& body_ok) {
+    return finish_body(body_ok, static_cast<uint32_t>(atoi(announced)) == length);
 }
 
 }  // namespace
@@ -314,12 +313,24 @@ Verdict judge_block(std::string_view text, size_t end, const Family& family) {
     return Verdict::taken;
 }
 
-bool is_whole_body(htmldoc_option* options, uint32_t length) {
-    for (const htmldoc_option* node = options; node; node = node->next) {
-        if (!node->name || !equals(node->name, "Content-Length")) continue;
-        return node->value && says_number(node->value, length);
-    }
-    return true;
+int judge_body(const htmldoc_option* options, uint32_t length, uint8_t& body_ok) {
+    const htmldoc_option* node = find_named(options, "Content-Length");
+    if (!node) return finish_body(body_ok, true);
+    if (!node->value) return finish_body(body_ok, false);
+
+    constexpr ptrdiff_t kSureDigits = 9;  // never too many for an int
+    uint64_t number = 0;
+    const char* end = node->value;
+    for (; *end >= '0' && *end <= '9'; end++)
+        number = number * 10 + static_cast<uint8_t>(*end - '0');
+    const ptrdiff_t digits = end - node->value;
+    if (digits == 0 || digits > kSureDigits) return judge_by_atoi(node->value, length, body_ok);
+    return finish_body(body_ok, number == length);
+}
+
+int take_body(buffer& body, const htmldoc_option* options, uint8_t& body_ok,
+              std::string_view bytes) {
+    return append(body, bytes) ? judge_body(options, body.length, body_ok) : -1;
 }
 
 Receipt take_block(const Message& m, const Family& family, std::string_view text, size_t end) {
@@ -339,7 +350,7 @@ Receipt take_block(const Message& m, const Family& family, std::string_view text
     if (!body.empty() && !append(m.body, body)) return {Verdict::out_of_memory};
     head.store(m);
     m.header_ok = 1;
-    m.body_ok = is_whole_body(m.options, body.empty() ? 0 : m.body.length);
+    judge_body(m.options, body.empty() ? 0 : m.body.length, m.body_ok);
     return {Verdict::taken, text.size()};
 }
 

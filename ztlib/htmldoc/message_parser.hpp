@@ -40,16 +40,13 @@ Verdict judge_block(std::string_view text, size_t end, const Family& family);
 // yet, and only then stores anything.
 Receipt take_block(const Message& m, const Family& family, std::string_view text, size_t end);
 
-// True when a body of this length is what Content-Length announces, or nothing is announced.
-bool is_whole_body(htmldoc_option* options, uint32_t length);
+// Sets the flag: a body is complete when its length is what Content-Length says, or nothing is
+// said. 0 when it is, else 1.
+int judge_body(const htmldoc_option* options, uint32_t length, uint8_t& body_ok);
 
-// Takes the next bytes of a body that is not complete.
-template <class Record>
-Verdict take_body(Record& d, std::string_view bytes) {
-    if (!append(d.body, bytes)) return Verdict::out_of_memory;
-    d.body_ok = is_whole_body(d.options, d.body.length);
-    return Verdict::taken;
-}
+// Takes the next bytes of a body that is not complete. As judge_body(), or -1 when memory is out.
+int take_body(buffer& body, const htmldoc_option* options, uint8_t& body_ok,
+              std::string_view bytes);
 
 // Takes the next bytes of a message, of which the first `searched` were looked at before.
 template <class Record>
@@ -61,7 +58,8 @@ Receipt receive(Record& d, const Family& family, std::string_view text, size_t s
         return take_block(message_of(d), family, text, end);
     }
     if (d.body_ok != 0) return {Verdict::taken};
-    return {take_body(d, text), text.size()};
+    if (take_body(d.body, d.options, d.body_ok, text) == -1) return {Verdict::out_of_memory};
+    return {Verdict::taken, text.size()};
 }
 
 // Takes the whole output of a CGI program.

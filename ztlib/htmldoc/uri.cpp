@@ -4,6 +4,7 @@
 #include <ztlib/htmldoc/uri.hpp>
 
 #include <array>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -57,9 +58,13 @@ char read_escape(const char* digits) {
     return static_cast<char>(strtoul(text, nullptr, 16));
 }
 
-bool refuse_size(const char* function, int size) {
-    fprintf(stderr, "%s: destination buffer to small %d\n", function, size);
-    return false;
+void refuse_size(StderrBlock& said, const char* function, int size) {
+    std::array<char, 11> digits;  // and a sign, of an int
+    const auto end = std::to_chars(digits.begin(), digits.end(), size).ptr;
+    said.add_line({function,
+                   ": destination buffer to small ",
+                   {digits.data(), static_cast<size_t>(end - digits.data())},
+                   "\n"});
 }
 
 }  // namespace
@@ -71,7 +76,8 @@ int encode_uri(std::string_view text, char* dst, int size, const char* function)
         const auto byte = static_cast<unsigned char>(c);
         const bool plain = kIsPlain[byte];
         if (written + (plain ? kRoomForOne : kEscapeLength) > room) {
-            refuse_size(function, size);
+            StderrBlock said;
+            refuse_size(said, function, size);
             return -1;
         }
         if (plain) {
@@ -86,16 +92,20 @@ int encode_uri(std::string_view text, char* dst, int size, const char* function)
 }
 
 bool decode_uri_piece(std::string_view text, char* dst, int size, const char* function,
-                      size_t& written) {
+                      StderrBlock& said, size_t& written) {
     const size_t room = size > 0 ? static_cast<size_t>(size) : 0;
     written = 0;
     for (size_t i = 0; i < text.size();) {
-        if (written + kRoomForOne > room) return refuse_size(function, size);
+        if (written + kRoomForOne > room) {
+            refuse_size(said, function, size);
+            return false;
+        }
         if (text[i] != '%') {
             dst[written++] = text[i++];
             continue;
         }
         if (text.size() - i < kEscapeLength) {
+            said.flush();
             fprintf(stderr, "decode fail for '%.*s' di=%u\n", static_cast<int>(text.size()),
                     text.data(), static_cast<unsigned>(written));
             return false;
@@ -107,8 +117,9 @@ bool decode_uri_piece(std::string_view text, char* dst, int size, const char* fu
 }
 
 int decode_uri(std::string_view text, char* dst, int size, const char* function) {
+    StderrBlock said;
     size_t written;
-    if (!decode_uri_piece(text, dst, size, function, written)) return -1;
+    if (!decode_uri_piece(text, dst, size, function, said, written)) return -1;
     dst[written] = '\0';
     return static_cast<int>(written);
 }

@@ -2,6 +2,8 @@
 // under the name of the exported function that was called.
 #pragma once
 
+#include <ztlib/base/stderr_block.h>
+
 #include <cstddef>
 #include <string_view>
 
@@ -15,8 +17,8 @@ int encode_uri(std::string_view text, char* dst, int size, const char* function)
 int decode_uri(std::string_view text, char* dst, int size, const char* function);
 
 // Decodes into `dst` and counts in `written`; never writes at `size` or beyond, nor a terminator.
-// False when the text was not decoded to its end.
+// False when the text was not decoded to its end; the reason is in `said`.
 bool decode_uri_piece(std::string_view text, char* dst, int size, const char* function,
-                      size_t& written);
+                      StderrBlock& said, size_t& written);
 
 }  // namespace zt::http
