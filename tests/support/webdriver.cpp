@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include <unistd.h>
@@ -99,15 +100,16 @@ std::string DrivenBrowser::ask(const std::string& method, const std::string& pat
                                    " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port_) +
                                    "\r\nContent-Type: application/json\r\nContent-Length: " +
                                    std::to_string(body.size()) + "\r\n\r\n" + body);
+    constexpr const char* kLength = "Content-Length:";
     std::string head;
     while (!head.ends_with("\r\n\r\n")) {
         const std::string byte = receive(connection.get(), 1);
         if (byte.empty()) return "no answer";
         head += byte;
     }
-    const size_t length = head.find("Content-Length: ");
+    const size_t length = head.find(kLength);
     if (length == std::string::npos) return head;
-    return receive(connection.get(), std::stoul(head.substr(length + 16)));
+    return receive(connection.get(), std::stoul(head.substr(length + strlen(kLength))));
 }
 
 std::string DrivenBrowser::command(const std::string& name, const std::string& parameters) {
@@ -128,9 +130,9 @@ std::string DrivenBrowser::value(const std::string& expression) {
         ")))()"
         ".catch(error => `(failed: ${error})`)"
         ".then(text => done(encodeURIComponent(text)));";
-    return percent_decoded(member(
-        ask("POST", session_ + "/execute/async", "{\"args\":[],\"script\":" + json_text(script) + "}"),
-        "value"));
+    return percent_decoded(member(ask("POST", session_ + "/execute/async",
+                                      "{\"args\":[],\"script\":" + json_text(script) + "}"),
+                                  "value"));
 }
 
 void DrivenBrowser::show_as(int width, int height, Scheme scheme) {
