@@ -63,12 +63,6 @@ bool is_loopback(const std::string& address) {
            ntohl(parsed.s_addr) >> 24 == IN_LOOPBACKNET;
 }
 
-int32_t drain(void* waker, void*, int32_t) {
-    eventfd_t count = 0;
-    eventfd_read(static_cast<threadpool_node*>(waker)->fd, &count);
-    return 0;  // nothing to process
-}
-
 }  // namespace
 
 // --- listening -----------------------------------------------------------------------------------
@@ -148,16 +142,23 @@ void Server::start_pool() {
     if (!pool_ || threadpool_start(pool_.get()) != 0)
         throw std::runtime_error("cannot start the thread pool");
 
-    waker_.reset(threadpool_node_create(nullptr));
+    waker_.reset(threadpool_node_create(this));
     if (!waker_) throw std::bad_alloc();
     waker_->fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (waker_->fd < 0) fail("eventfd");
-    waker_->user = waker_.get();
-    waker_->read_cb = drain;
+    waker_->read_cb = on_woken;
     if (threadpool_entry(pool_.get(), waker_.get()) != 0) throw std::bad_alloc();
 }
 
 void Server::wake_reader() { eventfd_write(waker_->fd, 1); }
+
+// At the end the event stays, so that the read thread sees at once that it is to stop.
+int32_t Server::on_woken(void* server, void*, int32_t) {
+    const auto& self = *static_cast<Server*>(server);
+    eventfd_t count = 0;
+    if (!self.stopping_) eventfd_read(self.waker_->fd, &count);
+    return 0;  // nothing to process
+}
 
 // --- connections ---------------------------------------------------------------------------------
 
@@ -244,6 +245,8 @@ Server::Server(const Board& board, const Settings& settings, const std::string& 
 
 Server::~Server() {
     listening_.reset();
+    stopping_ = true;
+    wake_reader();
     pool_.reset();
     for (const auto& [id, connection] : connections_) threadpool_node_destroy(connection->node());
 }

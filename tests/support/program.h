@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,16 +18,28 @@
 
 namespace zt_test {
 
+using Strings = std::vector<std::string>;
+
 inline std::string content_of(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// A program that runs, its output in files, its input a pipe. Killed at the end of the scope if it
-// still runs, and with the test itself.
+// Becomes the program; returns only where that fails.
+inline void become(const Strings& command) {
+    std::vector<char*> arguments;
+    for (const std::string& argument : command)
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    arguments.push_back(nullptr);
+    execvp(arguments[0], arguments.data());
+    _exit(127);
+}
+
+// A program that runs, its output in files, its input a pipe. `prepare` is called in the new
+// process. Killed at the end of the scope if it still runs, and with the test itself.
 class Program {
   public:
-    explicit Program(const std::vector<std::string>& command) {
+    explicit Program(const Strings& command, const std::function<void()>& prepare = {}) {
         int input[2];
         if (pipe2(input, O_CLOEXEC) != 0) abort();
         const std::string out = files_ / "out", err = files_ / "err";
@@ -36,12 +49,8 @@ class Program {
             dup2(input[0], STDIN_FILENO);
             dup2(open(out.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600), STDOUT_FILENO);
             dup2(open(err.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600), STDERR_FILENO);
-            std::vector<char*> arguments;
-            for (const std::string& argument : command)
-                arguments.push_back(const_cast<char*>(argument.c_str()));
-            arguments.push_back(nullptr);
-            execvp(arguments[0], arguments.data());
-            _exit(127);
+            if (prepare) prepare();
+            become(command);
         }
         ::close(input[0]);
         input_ = Fd(input[1]);
@@ -56,6 +65,9 @@ class Program {
 
     std::string out() const { return content_of(files_ / "out"); }
     std::string err() const { return content_of(files_ / "err"); }
+    void signal(int number) const { kill(pid_, number); }
+    pid_t pid() const { return pid_; }
+
     void write(const std::string& text) const {
         if (::write(input_.get(), text.data(), text.size()) < 0) abort();
     }
@@ -63,7 +75,9 @@ class Program {
     // Its exit status; -1 when it does not end, or ends by a signal.
     int wait() {
         int status = 0;
-        if (!eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) return -1;
+        if (!eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; },
+                        std::chrono::seconds(60)))
+            return -1;
         pid_ = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
@@ -73,6 +87,18 @@ class Program {
     Fd input_;
     pid_t pid_ = -1;
 };
+
+struct Result {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+inline Result run(const Strings& command, const std::function<void()>& prepare = {}) {
+    Program program(command, prepare);
+    const int status = program.wait();
+    return {status, program.out(), program.err()};
+}
 
 // True when the shell finds this program.
 inline bool is_installed(const std::string& program) {
