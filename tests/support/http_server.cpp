@@ -211,8 +211,6 @@ int32_t HttpServer::Connection::take_turn() {
 }
 
 void HttpServer::Connection::remove() {
-    // A refused node is the host's again: it was not asked to exit.
-    if (!node_->must_exit) destroy_node();
     server_.forget(*this);
 }
 
@@ -414,7 +412,7 @@ HttpServer::~HttpServer() {
 
 void HttpServer::accept(void* user_data, int fd, sockaddr*, unsigned) {
     HttpServer& server = *static_cast<HttpServer*>(user_data);
-    if (fd >= FD_SETSIZE) {  // beyond what the pool can watch
+    if (fd >= FD_SETSIZE) {  // the pool would refuse it; as it is, every remove_cb is a removal
         close(fd);
         return;
     }

@@ -1076,7 +1076,8 @@ class SoakHost {
         bool alive = true;  // under the host's mutex: the node may be used
     };
 
-    explicit SoakHost(int32_t workers) : pool_(threadpool_create(workers)) {
+    // Has at most `limit` connections at a time; the others wait to be accepted.
+    SoakHost(int32_t workers, size_t limit) : limit_(limit), pool_(threadpool_create(workers)) {
         EXPECT_EQ(threadpool_start(pool_), 0);
         accepting_ = std::thread([this] { accept_all(); });
         turning_ = std::thread([this] { ask_for_turns(); });
@@ -1086,6 +1087,7 @@ class SoakHost {
 
     // Stops in the middle of everything and checks the books.
     void stop_and_check() {
+        accepts_ = false;
         server_.stop();
         accepting_.join();
         const auto workers = workers_of(pool_);
@@ -1148,6 +1150,7 @@ class SoakHost {
         const std::lock_guard lock(host.mutex_);
         ++c.removals;
         ++host.removals_;
+        --host.alive_;
         c.alive = false;
         if (!c.node->worker && c.node->must_exit) return;
         ++host.refusals_;  // the node is ours again
@@ -1157,6 +1160,8 @@ class SoakHost {
     void accept_all() {
         std::minstd_rand random(1);
         while (Fd fd = server_.accept()) {
+            eventually([&] { return !accepts_ || alive_ < limit_; });
+            if (!accepts_) return;
             const std::lock_guard lock(mutex_);
             Client& c = clients_.emplace_back();
             c.host = this;
@@ -1168,7 +1173,7 @@ class SoakHost {
             c.node->add_cb = add;
             c.node->remove_cb = remove;
             EXPECT_EQ(threadpool_entry(pool_, c.node), 0);
-            most_at_once_ = std::max(most_at_once_, clients_.size() - removals_);
+            most_at_once_ = std::max(most_at_once_, ++alive_);
         }
     }
 
@@ -1195,13 +1200,15 @@ class SoakHost {
         }
     }
 
+    const size_t limit_;
     Server server_;
     threadpool* pool_;
     std::mutex mutex_;
     std::list<Client> clients_;
+    std::atomic<size_t> alive_{0};
     size_t most_at_once_ = 0;
     std::atomic<size_t> messages_{0}, removals_{0}, refusals_{0};
-    std::atomic<bool> overlapping_{false}, stopping_{false};
+    std::atomic<bool> overlapping_{false}, stopping_{false}, accepts_{true};
     std::thread accepting_, turning_;
 };
 
@@ -1262,7 +1269,7 @@ TEST(ThreadPoolSoak, RemovesEveryNodeOnceOrHandsItBackAndLeavesNoDescriptor) {
         GTEST_SKIP() << "too few descriptors allowed";
     const Leftovers leftovers;
     {
-        SoakHost host(4);
+        SoakHost host(4, kConnections);
         std::atomic<bool> stopping{false};
         std::vector<std::thread> clients;
         for (unsigned i = 0; i < kClientThreads; ++i)
@@ -1274,6 +1281,7 @@ TEST(ThreadPoolSoak, RemovesEveryNodeOnceOrHandsItBackAndLeavesNoDescriptor) {
         for (std::thread& client : clients) client.join();
         EXPECT_GT(host.clients(), kConnections);
         EXPECT_GT(host.most_at_once(), kConnections / 2);
+        EXPECT_LE(host.most_at_once(), kConnections);
         EXPECT_GT(host.messages(), kConnections);
         EXPECT_GT(host.removals(), host.refusals());
         EXPECT_GT(host.refusals(), 0u);
