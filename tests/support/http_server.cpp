@@ -210,9 +210,7 @@ int32_t HttpServer::Connection::take_turn() {
     return 0;
 }
 
-void HttpServer::Connection::remove() {
-    server_.forget(*this);
-}
+void HttpServer::Connection::remove() { server_.forget(*this); }
 
 int32_t HttpServer::Connection::answer_all(bool patiently) {
     take_received();
