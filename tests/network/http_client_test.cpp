@@ -2,12 +2,16 @@
 
 #include <ztlib/network/http_client.h>
 
+#include <ztlib/network/https_trust.hpp>
+
 #include <tests/network/http_peers.h>
 #include <tests/support/capture.h>
 #include <tests/support/faults.h>
 #include <tests/support/program.h>
 
 #include <gmock/gmock.h>
+
+#include <openssl/pem.h>
 
 #include <cerrno>
 #include <cstring>
@@ -192,7 +196,7 @@ TEST_F(HttpClient, ReadsAtMost1600BytesOfAGetsAnswerAnd1500OfAPosts) {
 }
 
 TEST_F(HttpClient, ReturnsNothingForAnAnswerThatIsCutShort) {
-    size_t length = 0;
+    std::atomic<size_t> length{0};
     const ScriptedServer server(kPort, [&](Fd& peer) {
         receive_until(peer.get(), "\r\n\r\n");
         send_all(peer.get(), kAnswer.substr(0, length));
@@ -411,13 +415,15 @@ TEST_F(HttpClient, ReturnsNothingAndSaysNothingWhenThereIsNoSocket) {
 
 TEST_F(HttpClient, GivesItsConnectedSocketAway) {
     Record record;
-    const ScriptedServer server(kPort, record.script());
-    const Fd fd(_http_post_get_socket("one", 80));
-    ASSERT_TRUE(fd);
-    EXPECT_TRUE(send_all(fd.get(), "mine\r\n\r\n"));
-    EXPECT_EQ(receive(fd.get(), kAnswer.size()), kAnswer);
-    shutdown(fd.get(), SHUT_WR);
-    EXPECT_TRUE(ended(fd.get()));
+    {
+        const ScriptedServer server(kPort, record.script());
+        const Fd fd(_http_post_get_socket("one", 80));
+        ASSERT_TRUE(fd);
+        EXPECT_TRUE(send_all(fd.get(), "mine\r\n\r\n"));
+        EXPECT_EQ(receive(fd.get(), kAnswer.size()), kAnswer);
+        shutdown(fd.get(), SHUT_WR);
+        EXPECT_TRUE(ended(fd.get()));
+    }
     EXPECT_EQ(record.request, "mine\r\n\r\n");
 }
 
@@ -516,28 +522,13 @@ TEST_F(HttpClient, OutlivesAPeerThatVanishes) {
 }
 
 TEST_F(HttpClient, ReturnsNothingAndKeepsNothingWhenMemoryIsOut) {
-    const ScriptedServer server(kPort, answering(kAnswer));
     const CapturedStderr err;
-    const auto release = [](htmldoc* d) { html_request_free(d); };
-    for_each_failing_allocation([] { return html_request(kLoopback, 80, "/"); }, release);
-    for_each_failing_allocation([] { return http_post(kLoopback, 80, "/", "x", 1); }, release);
-}
-
-TEST_F(HttpClient, LeavesNoDescriptorWhenMemoryIsOut) {
     const Leftovers leftovers;
     {
         const ScriptedServer server(kPort, answering(kAnswer));
-        const CapturedStderr err;
-        for (FailingAllocations round; round.next();) {
-            round.arm();
-            const Answer by_get = get();
-            round.disarm();
-        }
-        for (FailingAllocations round; round.next();) {
-            round.arm();
-            const Answer by_post = post("x");
-            round.disarm();
-        }
+        const auto release = [](htmldoc* d) { html_request_free(d); };
+        for_each_failing_allocation([] { return html_request(kLoopback, 80, "/"); }, release);
+        for_each_failing_allocation([] { return http_post(kLoopback, 80, "/", "x", 1); }, release);
     }
     EXPECT_TRUE(leftovers.none());
 }
@@ -550,6 +541,34 @@ TEST_F(HttpClient, IgnoresNull) {
     EXPECT_EQ(http_post(kLoopback, 80, "/", nullptr, 1), nullptr);
     EXPECT_EQ(_http_post_get_socket(nullptr, 80), -1);
     html_request_free(nullptr);
+}
+
+// --- HTTPS as the build was configured ---
+
+TEST_F(HttpClient, OverTlsTrustsNobodyThatTheBuildWasNotToldOf) {
+    if (!is_installed("openssl")) GTEST_SKIP() << "the openssl tool is not installed";
+    const ScratchDirectory files;
+    ASSERT_EQ(Program({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                       "ec_paramgen_curve:prime256v1", "-nodes", "-subj", "/CN=stranger", "-keyout",
+                       files / "key", "-out", files / "certificate"})
+                  .wait(),
+              0);
+    const Program tool({"openssl", "s_server", "-accept", "127.0.0.1:443", "-cert",
+                        files / "certificate", "-key", files / "key", "-quiet"});
+    ASSERT_TRUE(eventually([] { return bool(connect_to(443)); })) << tool.err();
+    const CapturedStderr err;
+    EXPECT_EQ(https_connect(kLoopback, 443), nullptr);
+    EXPECT_THAT(err.text(), testing::HasSubstr("certificate verify failed"));
+}
+
+TEST_F(HttpClient, OverTlsHasRootsThatAreCertificates) {
+    for (const char* pem : zt::https_trust().certificates) {
+        BIO* text = BIO_new_mem_buf(pem, -1);
+        X509* certificate = PEM_read_bio_X509(text, nullptr, nullptr, nullptr);
+        EXPECT_NE(certificate, nullptr);
+        X509_free(certificate);
+        BIO_free(text);
+    }
 }
 
 // --- a real server ---

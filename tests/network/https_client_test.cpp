@@ -186,7 +186,7 @@ TEST_F(HttpsClient, ReadsAnAnswerThatComesByteByByteInRecordsOfItsOwn) {
 }
 
 TEST_F(HttpsClient, ReadsAnAnswerThatIsCutAnywhere) {
-    size_t cut = 1;
+    std::atomic<size_t> cut{1};
     const TlsServer peer(server, [&](SSL* ssl) {
         receive_until(ssl, "\r\n\r\n");
         send_all(ssl, kAnswer.substr(0, cut));
@@ -272,9 +272,10 @@ TEST_F(HttpsClient, ConnectsToTheServerWithTheRightChainAndTheRightFingerprint) 
     const Fd fd(SSL_get_fd(ssl));
     https_close(ssl);
     EXPECT_NE(local_port(fd.get()), 0);  // still open: else this would abort
-    EXPECT_TRUE(eventually([&] { return received == "ping"; }));
-    EXPECT_EQ(err.text(), "");
     shutdown(fd.get(), SHUT_RDWR);
+    EXPECT_TRUE(eventually([&] { return peer.served() == 1; }));
+    EXPECT_EQ(received, "ping");
+    EXPECT_EQ(err.text(), "");
 }
 
 TEST_F(HttpsClient, RefusesAnotherCertificateOfTheSameRoot) {
@@ -504,19 +505,20 @@ TEST_F(HttpsClient, GivesUpWhenTheRequestDoesNotGoOutAtOnce) {
 }
 
 TEST_F(HttpsClient, GivesUpWhenAStepOfItsPreparationsFails) {
-    const TlsServer peer(server, do_nothing);
     const CapturedStderr err;
-    EXPECT_TRUE(connects(peer.port()));
-    const int descriptors = descriptor_count();
-    for (const char* call : {"SSL_CTX_new", "SSL_CTX_ctrl", "X509_STORE_new", "BIO_new_mem_buf",
-                             "PEM_read_bio_X509", "X509_STORE_add_cert", "SSL_new", "SSL_set_fd",
-                             "SSL_get1_peer_certificate", "X509_digest"}) {
-        const FailingCall fault(call, ENOMEM, 0, true);
-        EXPECT_FALSE(connects(peer.port()));
-        EXPECT_TRUE(fault.hit()) << call;
+    const Leftovers leftovers;
+    {
+        const TlsServer peer(server, do_nothing);
+        for (const char* call : {"SSL_CTX_new", "SSL_CTX_ctrl", "X509_STORE_new", "BIO_new_mem_buf",
+                                 "PEM_read_bio_X509", "X509_STORE_add_cert", "SSL_new",
+                                 "SSL_set_fd", "SSL_get1_peer_certificate", "X509_digest"}) {
+            const FailingCall fault(call, ENOMEM, 0, true);
+            EXPECT_FALSE(connects(peer.port()));
+            EXPECT_TRUE(fault.hit()) << call;
+        }
     }
-    EXPECT_TRUE(eventually([&] { return descriptor_count() == descriptors; }));
     EXPECT_EQ(err.text(), "");
+    EXPECT_TRUE(leftovers.none());
 }
 
 TEST_F(HttpsClient, SaysThatItsOwnRootIsNoCertificate) {
@@ -572,15 +574,17 @@ TEST_F(HttpsClient, WaitsForTheHandshakeThroughRealSignals) {
 }
 
 TEST_F(HttpsClient, ReturnsNothingAndKeepsNothingWhenMemoryIsOut) {
-    const TlsServer peer(server, answering(kAnswer));
     const CapturedStderr err;
-    const auto release = [](htmldoc* d) { https_free_request(d); };
-    const int descriptors = descriptor_count();
-    for_each_failing_allocation(
-        [&] { return https_post_request(kLoopback, peer.port(), "/", "x", 1); }, release);
-    for_each_failing_allocation([&] { return https_get_request(kLoopback, peer.port(), "/"); },
-                                release);
-    EXPECT_TRUE(eventually([&] { return descriptor_count() == descriptors; }));
+    const Leftovers leftovers;
+    {
+        const TlsServer peer(server, answering(kAnswer));
+        const auto release = [](htmldoc* d) { https_free_request(d); };
+        for_each_failing_allocation(
+            [&] { return https_post_request(kLoopback, peer.port(), "/", "x", 1); }, release);
+        for_each_failing_allocation([&] { return https_get_request(kLoopback, peer.port(), "/"); },
+                                    release);
+    }
+    EXPECT_TRUE(leftovers.none());
 }
 
 TEST_F(HttpsClient, GivesAnAnswerUpOfWhichMemoryLostAPiece) {
