@@ -3,6 +3,7 @@
 // every status of 0 here says more than that.
 
 #include <tests/support/process.h>
+#include <tests/support/program.h>
 #include <tests/support/scratch.h>
 
 #include <gmock/gmock.h>
@@ -42,13 +43,6 @@ constexpr const char* kAgent = INVENTORY_AGENT;
 constexpr const char* kDemo = INVENTORY_DEMO;
 constexpr const char* kBuild = INVENTORY_BUILD;
 
-using Strings = std::vector<std::string>;
-
-std::string content_of(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 Strings lines_of(const std::string& text) {
     Strings lines;
     std::istringstream stream(text);
@@ -62,68 +56,7 @@ std::string replace_all(std::string text, const std::string& what, const std::st
     return text;
 }
 
-// --- processes -----------------------------------------------------------------------------------
-
-// Becomes the program; returns only where that fails.
-void become(const Strings& command) {
-    std::vector<char*> arguments;
-    for (const std::string& argument : command)
-        arguments.push_back(const_cast<char*>(argument.c_str()));
-    arguments.push_back(nullptr);
-    execvp(arguments[0], arguments.data());
-    _exit(127);
-}
-
-// A program that runs, its output in files. Killed at the end of the scope if it still does.
-class Program {
-  public:
-    explicit Program(const Strings& command, const std::function<void()>& prepare = {}) {
-        pid_ = fork();
-        if (pid_ != 0) return;
-        dup2(open((files_ / "out").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600), STDOUT_FILENO);
-        dup2(open((files_ / "err").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600), STDERR_FILENO);
-        if (prepare) prepare();
-        become(command);
-    }
-    ~Program() {
-        if (pid_ < 0) return;
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
-
-    std::string out() const { return content_of(files_ / "out"); }
-    std::string err() const { return content_of(files_ / "err"); }
-    void signal(int number) const { kill(pid_, number); }
-    pid_t pid() const { return pid_; }
-
-    // Its exit status; -1 when it does not end, or ends by a signal.
-    int wait() {
-        int status = 0;
-        if (!eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; },
-                        std::chrono::seconds(60)))
-            return -1;
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-  private:
-    ScratchDirectory files_;
-    pid_t pid_ = -1;
-};
-
-struct Result {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-Result run(const Strings& command, const std::function<void()>& prepare = {}) {
-    Program program(command, prepare);
-    const int status = program.wait();
-    return {status, program.out(), program.err()};
-}
+// --- programs ------------------------------------------------------------------------------------
 
 std::string output_of(const std::string& shell_command) {
     const Result result = run({"sh", "-c", shell_command});
