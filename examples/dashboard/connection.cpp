@@ -4,7 +4,6 @@
 
 #include "server.h"
 
-#include <algorithm>
 #include <new>
 #include <stdexcept>
 
@@ -17,7 +16,7 @@ using std::chrono::seconds;
 
 constexpr size_t kMaxUnread = 16 * 1024;  // bytes between two turns
 constexpr size_t kMaxRequest = 8 * 1024;  // bytes
-constexpr seconds kRequestLimit{10};      // for a request to be complete
+constexpr seconds kRequestLimit{5};       // for a request to be complete
 constexpr seconds kSendLimit{30};         // for a browser that reads nothing
 constexpr seconds kCloseLimit{5};         // for a browser to close its end
 

@@ -31,6 +31,8 @@ static_assert(kMaxConnections + kOtherDescriptors < FD_SETSIZE);  // the pool us
 
 constexpr int kTickMs = 1000;  // between two looks at the deadlines
 constexpr std::chrono::seconds kListenPause{1};
+constexpr int kSendBuffer =
+    128 * 1024;  // bytes that the system keeps for a browser, the page and more
 constexpr unsigned kLostMs = 30'000;  // a browser that acknowledges nothing for so long is gone
 
 constexpr uint64_t kSignals = 0;  // among the epoll's data, which are connections' numbers
@@ -61,12 +63,6 @@ bool is_loopback(const std::string& address) {
     in_addr parsed{};
     return inet_pton(AF_INET, address.c_str(), &parsed) == 1 &&
            ntohl(parsed.s_addr) >> 24 == IN_LOOPBACKNET;
-}
-
-int32_t drain(void* waker, void*, int32_t) {
-    eventfd_t count = 0;
-    eventfd_read(static_cast<threadpool_node*>(waker)->fd, &count);
-    return 0;  // nothing to process
 }
 
 }  // namespace
@@ -148,16 +144,23 @@ void Server::start_pool() {
     if (!pool_ || threadpool_start(pool_.get()) != 0)
         throw std::runtime_error("cannot start the thread pool");
 
-    waker_.reset(threadpool_node_create(nullptr));
+    waker_.reset(threadpool_node_create(this));
     if (!waker_) throw std::bad_alloc();
     waker_->fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (waker_->fd < 0) fail("eventfd");
-    waker_->user = waker_.get();
-    waker_->read_cb = drain;
+    waker_->read_cb = on_woken;
     if (threadpool_entry(pool_.get(), waker_.get()) != 0) throw std::bad_alloc();
 }
 
 void Server::wake_reader() { eventfd_write(waker_->fd, 1); }
+
+// At the end the event stays, so that the read thread sees at once that it is to stop.
+int32_t Server::on_woken(void* server, void*, int32_t) {
+    const auto& self = *static_cast<Server*>(server);
+    eventfd_t count = 0;
+    if (!self.stopping_) eventfd_read(self.waker_->fd, &count);
+    return 0;  // nothing to process
+}
 
 // --- connections ---------------------------------------------------------------------------------
 
@@ -172,6 +175,7 @@ void Server::on_accepted(void* server, int socket, sockaddr*, unsigned) {
 void Server::admit(int socket) {
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
     setsockopt(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, &kLostMs, sizeof kLostMs);
 
     const std::lock_guard lock(mutex_);
@@ -244,6 +248,8 @@ Server::Server(const Board& board, const Settings& settings, const std::string& 
 
 Server::~Server() {
     listening_.reset();
+    stopping_ = true;
+    wake_reader();
     pool_.reset();
     for (const auto& [id, connection] : connections_) threadpool_node_destroy(connection->node());
 }

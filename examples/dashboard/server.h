@@ -21,6 +21,7 @@
 #include <ztlib/network/socket_listener.h>
 #include <ztlib/pools/threadpool/threadpool.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -93,6 +94,7 @@ class Server {
     void forget(const Connection& connection);
 
   private:
+    static int32_t on_woken(void* server, void*, int32_t);
     static void on_accepted(void* server, int socket, sockaddr* peer, unsigned length);
 
     void start_pool();
@@ -106,6 +108,8 @@ class Server {
     const size_t max_connections_;
     inventory::Descriptor events_;  // epoll: the signals, and sockets that take no more
     std::unique_ptr<threadpool_node, ReleaseNode> waker_;  // an eventfd; ends a select() early
+
+    std::atomic<bool> stopping_ = false;
 
     std::mutex mutex_;  // guards these two
     std::map<uint64_t, std::unique_ptr<Connection>> connections_;
