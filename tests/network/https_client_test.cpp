@@ -515,7 +515,8 @@ TEST_F(HttpsClient, GivesUpWhenAStepOfItsPreparationsFails) {
         EXPECT_FALSE(connects(peer.port()));
         EXPECT_TRUE(fault.hit()) << call;
     }
-    EXPECT_TRUE(eventually([&] { return descriptor_count() == descriptors; }));
+    // Its first connection may not have been closed by the peer when they were counted.
+    EXPECT_TRUE(eventually([&] { return descriptor_count() <= descriptors; }));
     EXPECT_EQ(err.text(), "");
 }
 
