@@ -4,7 +4,6 @@
 
 #include "server.h"
 
-#include <algorithm>
 #include <new>
 #include <stdexcept>
 

@@ -31,6 +31,8 @@ static_assert(kMaxConnections + kOtherDescriptors < FD_SETSIZE);  // the pool us
 
 constexpr int kTickMs = 1000;  // between two looks at the deadlines
 constexpr std::chrono::seconds kListenPause{1};
+constexpr int kSendBuffer =
+    128 * 1024;  // bytes that the system keeps for a browser, the page and more
 constexpr unsigned kLostMs = 30'000;  // a browser that acknowledges nothing for so long is gone
 
 constexpr uint64_t kSignals = 0;  // among the epoll's data, which are connections' numbers
@@ -173,6 +175,7 @@ void Server::on_accepted(void* server, int socket, sockaddr*, unsigned) {
 void Server::admit(int socket) {
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
     setsockopt(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, &kLostMs, sizeof kLostMs);
 
     const std::lock_guard lock(mutex_);

@@ -1,13 +1,15 @@
-// Other programs as a test's peers: started, watched and ended by their process id.
+// Programs, the tree's own and others, as a test's peers: started, watched and ended by their
+// process id.
 #pragma once
 
 #include <tests/support/process.h>
 #include <tests/support/scratch.h>
-#include <tests/support/sockets.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -25,8 +27,8 @@ inline std::string content_of(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// Becomes the program; returns only where that fails.
-inline void become(const Strings& command) {
+// Becomes the program, or ends with status 127.
+[[noreturn]] inline void become(const Strings& command) {
     std::vector<char*> arguments;
     for (const std::string& argument : command)
         arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -35,10 +37,11 @@ inline void become(const Strings& command) {
     _exit(127);
 }
 
-// A program that runs, its output in files, its input a pipe. `prepare` is called in the new
-// process. Killed at the end of the scope if it still runs, and with the test itself.
+// A program that runs, its output in files, its input a pipe. Killed at the end of the scope if it
+// still runs, and with the test itself.
 class Program {
   public:
+    // `prepare` is called by the new process before it becomes the program.
     explicit Program(const Strings& command, const std::function<void()>& prepare = {}) {
         int input[2];
         if (pipe2(input, O_CLOEXEC) != 0) abort();
@@ -52,10 +55,11 @@ class Program {
             if (prepare) prepare();
             become(command);
         }
-        ::close(input[0]);
-        input_ = Fd(input[1]);
+        close(input[0]);
+        input_ = input[1];
     }
     ~Program() {
+        close(input_);
         if (pid_ < 0) return;
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
@@ -65,12 +69,12 @@ class Program {
 
     std::string out() const { return content_of(files_ / "out"); }
     std::string err() const { return content_of(files_ / "err"); }
+    void write(const std::string& text) const {
+        if (::write(input_, text.data(), text.size()) < 0) abort();
+    }
+
     void signal(int number) const { kill(pid_, number); }
     pid_t pid() const { return pid_; }
-
-    void write(const std::string& text) const {
-        if (::write(input_.get(), text.data(), text.size()) < 0) abort();
-    }
 
     // Its exit status; -1 when it does not end, or ends by a signal.
     int wait() {
@@ -84,7 +88,7 @@ class Program {
 
   private:
     ScratchDirectory files_;
-    Fd input_;
+    int input_ = -1;
     pid_t pid_ = -1;
 };
 
@@ -94,6 +98,7 @@ struct Result {
     std::string err;
 };
 
+// Runs a program to its end.
 inline Result run(const Strings& command, const std::function<void()>& prepare = {}) {
     Program program(command, prepare);
     const int status = program.wait();
