@@ -7,6 +7,7 @@
 
 #include <tests/support/capture.h>
 #include <tests/support/program.h>
+#include <tests/support/sockets.h>
 
 #include <gmock/gmock.h>
 
