@@ -35,8 +35,8 @@
 namespace {
 
 constexpr const char* kService = "80";
-constexpr size_t kGetPiece = 1600;    // bytes of an answer that are read at once
-constexpr size_t kPostPiece = 1500;   //
+constexpr size_t kGetPiece = 1600;    // bytes of an answer to a GET that are read at once
+constexpr size_t kPostPiece = 1500;   // ... of one to a POST, and over TLS
 constexpr int kDeepestPardon = 5;     // no error of a certificate beyond it is accepted
 constexpr size_t kNumberRoom = 32;    // for a number's digits
 constexpr size_t kSubjectRoom = 256;  // for a certificate's name
