@@ -37,8 +37,8 @@
  * Each step is traced on standard error, as stated with the functions; error lines look alike:
  *   "threadpool_read_routine: select(): <text of errno>"
  *
- * Locks, in this order: the pool's mutex, a worker's mutex, a node's mutex, a queue's mutex. A mutex that cannot be
- * made, taken or released ends the process, with
+ * Locks, in this order: the pool's mutex, a worker's mutex, a node's mutex, a queue's mutex. A
+ * mutex that cannot be made, taken or released ends the process, with
  *   ./pools/threadpool/threadpool:<function>: <call>(): <text of errno> (<code>)
  * on standard error and exit(-1), or as pthread_utils.h says when it cannot be taken. */
 #ifndef ZTLIB_POOLS_THREADPOOL_THREADPOOL_H
