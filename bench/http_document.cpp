@@ -50,8 +50,7 @@ void require(bool condition, const char* what) {
     exit(1);
 }
 
-// --- the messages
-// -----------------------------------------------------------------------------------
+// --- the messages --------------------------------------------------------------------------------
 
 struct Message {
     const char* name;
@@ -118,8 +117,7 @@ Message page_response() {
             false, 8, 342};
 }
 
-// --- ours
-// -------------------------------------------------------------------------------------------
+// --- ours ----------------------------------------------------------------------------------------
 
 size_t count(const htmldoc_option* node) {
     size_t n = 0;
@@ -145,8 +143,7 @@ void run_ztlib(benchmark::State& state, const Message& m, size_t piece) {
     }
 }
 
-// --- what any parser that keeps the same strings must do
-// ----------------------------------------------
+// --- what any parser that keeps the same strings must do -----------------------------------------
 
 void run_floor(benchmark::State& state, const Message& m) {
     std::vector<std::string_view> words;  // names and values in turn
@@ -196,8 +193,7 @@ void run_floor(benchmark::State& state, const Message& m) {
     htmldoc_free(&parsed, 0);
 }
 
-// --- peers
-// ------------------------------------------------------------------------------------------
+// --- peers ---------------------------------------------------------------------------------------
 
 #ifdef HAVE_BEAST
 template <bool is_request>
@@ -356,8 +352,7 @@ void run_http_parser(benchmark::State& state, const Message& m, size_t piece) {
 }
 #endif
 
-// --- a long header block, a byte at a time
-// ------------------------------------------------------------
+// --- a long header block, a byte at a time -------------------------------------------------------
 
 Message long_block(size_t bytes) {
     Message m{"", "GET / HTTP/1.1\r\n", true, 0, 0};
@@ -368,8 +363,7 @@ Message long_block(size_t bytes) {
     return m;
 }
 
-// --- forms
-// ------------------------------------------------------------------------------------------
+// --- forms ---------------------------------------------------------------------------------------
 
 constexpr size_t kFields = 16;
 
@@ -453,8 +447,7 @@ void form_poco(benchmark::State& state, const std::string& text) {
 }
 #endif
 
-// --- registration
-// -------------------------------------------------------------------------------------
+// --- registration --------------------------------------------------------------------------------
 
 template <class Run, class... Arguments>
 void add(const std::string& name, Run run, Arguments... arguments) {

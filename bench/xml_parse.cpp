@@ -202,8 +202,7 @@ Count count_built(const std::string& text) {
     return count_of(tree);
 }
 
-// --- parsers with a tree of their own
-// -------------------------------------------------------------
+// --- parsers with a tree of their own ------------------------------------------------------------
 
 #ifdef HAVE_TINYXML2
 void count_tinyxml2(const tinyxml2::XMLElement* element, Count& total) {
@@ -301,8 +300,7 @@ void parse_pugixml(State& state, const Sample& sample) {
 }
 #endif
 
-// --- registration
-// ---------------------------------------------------------------------------------
+// --- registration --------------------------------------------------------------------------------
 
 using Parse = void (*)(State&, const Sample&);
 using CountElements = Count (*)(const std::string&);

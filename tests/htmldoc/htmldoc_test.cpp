@@ -276,6 +276,27 @@ TEST(HttpDocument, TakesTheSamePieceAgainAfterMemoryRanOut) {
     }
 }
 
+TEST(HttpDocument, IsUnchangedWhenTheTextItRefusesCannotBeKept) {
+    const std::string text = "GET /a p\r\nHost: h\r\nbad\r\n\r\n";
+    const std::string refusal = report(text, "parse options (can't find : in 'bad')\n");
+    for (FailingAllocations round; round.next();) {
+        CapturedStderr err;
+        Doc d;
+        round.arm();
+        EXPECT_EQ(htmldoc_wrap(&d.record, text.data(), static_cast<int>(text.size())), -1);
+        round.disarm();
+        if (round.hit()) {
+            EXPECT_EQ(describe(d), describe(Doc()));
+            EXPECT_EQ(input_of(d), "");
+            err.take();
+            EXPECT_EQ(d.wrap(text), -1);
+        }
+        EXPECT_EQ(err.take(), refusal);
+        EXPECT_STREQ(d.record.host, "h");
+        EXPECT_EQ(input_of(d), text);
+    }
+}
+
 TEST(HttpDocument, StaysCompleteWhenItsInputCannotGrow) {
     Doc d;
     ASSERT_EQ(d.wrap("GET / p\r\n\r\n"), 0);

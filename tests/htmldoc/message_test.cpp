@@ -71,8 +71,7 @@ struct CgiHeader {
 
 }  // namespace
 
-// --- parsing
-// --------------------------------------------------------------------------------------
+// --- parsing -------------------------------------------------------------------------------------
 
 TYPED_TEST(HttpMessage, HoldsAParsedRequest) {
     Document<TypeParam> d;
@@ -388,8 +387,7 @@ TYPED_TEST(HttpMessage, SaysThatMemoryRanOut) {
     EXPECT_EQ(err.text(), this->report(kRequest, "malloc(): Cannot allocate memory\n"));
 }
 
-// --- CGI
-// ------------------------------------------------------------------------------------------
+// --- CGI -----------------------------------------------------------------------------------------
 
 TYPED_TEST(HttpMessage, TakesTheOutputOfACgiProgram) {
     Document<TypeParam> d;
@@ -403,6 +401,7 @@ TYPED_TEST(HttpMessage, TakesTheOutputOfACgiProgram) {
     EXPECT_STREQ(d.record.body.data, "bo");
 
     EXPECT_EQ(d.wrap_cgi("Other: 1\r\n\r\nother"), 0) << "a complete document stays as it is";
+    EXPECT_EQ(d.wrap_cgi("Other: 1\r\n"), 1) << "the empty line is missing all the same";
     EXPECT_EQ(d.body(), "bo");
     EXPECT_EQ(d.options().size(), 2u);
 }
@@ -449,8 +448,7 @@ TYPED_TEST(HttpMessage, TakesCgiOutputAgainAfterMemoryRanOut) {
     }
 }
 
-// --- forms
-// ----------------------------------------------------------------------------------------
+// --- forms ---------------------------------------------------------------------------------------
 
 TYPED_TEST(HttpMessage, SplitsAFormAsItAlwaysHas) {
     const std::string small = this->hidden("_uri_decode") + ": destination buffer to small ";
@@ -555,8 +553,7 @@ TYPED_TEST(HttpMessage, SplitsNothingWhenMemoryIsOut) {
     }
 }
 
-// --- rendering
-// ------------------------------------------------------------------------------------
+// --- rendering -----------------------------------------------------------------------------------
 
 TYPED_TEST(HttpMessage, RendersARequestBehindWhatIsThere) {
     Document<TypeParam> d;
@@ -625,8 +622,7 @@ TYPED_TEST(HttpMessage, DumpsWhatItHolds) {
               "\tx=1\n- body_pos 5 -\n- body -\np=%41\n");
 }
 
-// --- copies
-// ---------------------------------------------------------------------------------------
+// --- copies --------------------------------------------------------------------------------------
 
 TYPED_TEST(HttpMessage, CopiesWithItsListsReversed) {
     Document<TypeParam> d;
@@ -697,8 +693,7 @@ TYPED_TEST(HttpMessage, IsZeroedWhenItsRecordIsKept) {
     }
 }
 
-// --- body
-// -----------------------------------------------------------------------------------------
+// --- body ----------------------------------------------------------------------------------------
 
 TYPED_TEST(HttpMessage, GrowsItsBodyToTwiceWhatIsNeeded) {
     Document<TypeParam> d;
@@ -772,8 +767,7 @@ TYPED_TEST(HttpMessage, RefusesABodyThatCannotGrow) {
     body.length = 3;
 }
 
-// --- lists
-// ----------------------------------------------------------------------------------------
+// --- lists ---------------------------------------------------------------------------------------
 
 TYPED_TEST(HttpMessage, AddsOptionsAtTheTailAndFindsTheFirst) {
     Document<TypeParam> d;
@@ -838,8 +832,7 @@ TYPED_TEST(HttpMessage, CutsAQueryAtEveryLength) {
     }
 }
 
-// --- percent-encoding
-// -------------------------------------------------------------------------------
+// --- percent-encoding ----------------------------------------------------------------------------
 
 TYPED_TEST(HttpMessage, EncodesAUri) {
     const struct {

@@ -39,8 +39,7 @@ uid from_line(const std::string& line, int expected = 0) {
 
 }  // namespace
 
-// --- the first use, before any other test makes an identifier in this process
-// ---------------------
+// --- the first use, before any other test makes an identifier in this process --------------------
 
 TEST(UidFirstUse, FailsWhenNeitherDeviceOpens) {
     ScratchDirectory without_devices;

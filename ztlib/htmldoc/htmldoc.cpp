@@ -63,7 +63,7 @@ bool awaits_body(const htmldoc& d) {
 // Nothing is waiting in the input: the bytes are used where they lie, and what is left of them
 // waits.
 Verdict receive_at_once(htmldoc& d, std::string_view bytes) {
-    const Receipt receipt = zt::http::receive(d, kFamily, bytes, 0);
+    const Receipt receipt = zt::http::receive(d, kFamily, bytes, 0, &d.input);
     const std::string_view rest = zt::http::from(bytes, receipt.bytes);
     if (receipt.verdict == Verdict::out_of_memory || rest.empty()) return receipt.verdict;
     if (!zt::http::append(d.input, rest)) return Verdict::out_of_memory;
@@ -179,8 +179,7 @@ extern "C" int htmldoc_wrap_post(htmldoc* d) {
     return d ? zt::http::split_form(message_of(*d), kFamily) : -1;
 }
 
-// --- building and rendering
-// -----------------------------------------------------------------------
+// --- building and rendering ----------------------------------------------------------------------
 
 extern "C" void htmldoc_init_proto(htmldoc* d, const char* url, int flags) {
     if (!d || !url) return;
@@ -216,8 +215,7 @@ extern "C" void htmldoc_unwrap(char** data, unsigned* capacity, unsigned* length
     if (d) zt::http::render(message_of(*d), kFamily, is_request, data, capacity, length);
 }
 
-// --- lists of options
-// -----------------------------------------------------------------------------
+// --- lists of options ----------------------------------------------------------------------------
 
 extern "C" htmldoc_option* htmldoc_add_option(htmldoc_option** head, const char* name,
                                               const char* value) {
@@ -244,8 +242,7 @@ extern "C" void _htmldoc_options_free(htmldoc_option** head) {
     if (head) zt::http::free_options(*head);
 }
 
-// --- percent-encoding and reports
-// -----------------------------------------------------------------
+// --- percent-encoding and reports ----------------------------------------------------------------
 
 extern "C" int _htmldoc_uri_encode(const char* src, char* dst, int size) {
     return src && dst ? zt::http::encode_uri(src, dst, size, __func__) : -1;

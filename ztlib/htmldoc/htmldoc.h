@@ -55,7 +55,7 @@ typedef struct htmldoc {
     uint8_t header_ok;           /* 1: the header block was parsed */
     htmldoc_option *get_params;  /* query parameters of the request line */
     htmldoc_option *post_params; /* form parameters, by htmldoc_wrap_post() */
-    buffer input;                /* bytes that were fed and are not parsed */
+    buffer input;                /* bytes that htmldoc_wrap() was fed and has not parsed */
     buffer body;                 /* what stands behind the header */
     uint8_t body_ok;             /* 1: the body is complete */
 } htmldoc;
@@ -86,35 +86,42 @@ void htmldoc_dump(const htmldoc *d);
 /* --- taking text in --------------------------------------------------------------------------- */
 
 /* Feeds `len` bytes as they arrived, cut anywhere.
- * Returns 1 while more are needed, 0 once header and body are complete, -1 on a failure.
+ * Returns 1 while more are needed, and always for a `len` of 0; 0 once header and body are
+ * complete; -1 on a failure.
  *
  * The header block ends at the first empty line ("\r\n\r\n"; a zero byte before it hides it for
  * good).
- *   - Any run of CR and LF separates lines. A block that begins with one of them is refused.
+ *   - Any run of CR and LF separates lines. A block that begins with one of them is refused, which
+ *     prints nothing.
  *   - The start line is three words, of which the last may hold blanks. Behind the url's first '?',
  *     pieces between '&' are query parameters: taken as they stand, each must have a '=' and a
- * value.
+ *     value.
  *   - Every other line must have a ':' and a value; spaces before the value are dropped, those
- * behind it stay. Names are compared and kept as they are written.
+ *     behind it stay. Names are compared and kept as they are written.
  *   - Options and query parameters are held in the reverse of their order in the message.
- *   - The url has 65 bytes of spare room behind its text. An empty url is a shared text that must
- * not be written to.
+ *   - The url's block is 65 bytes longer than its text: the terminator and 64 more. An empty url is
+ *     a shared text that must not be written to.
  *
  * The body is complete when its length is what "Content-Length" says. Without that line it is
  * complete with the first bytes that are there, or at once when none follow the header. A body that
  * grows past the announced length never completes. What is fed to a complete document stays in
- * `input`.
+ * `input`. Each call that feeds a body looks "Content-Length" up in the options: a body behind many
+ * header lines is best fed in large pieces.
  *
  * A failure of the text goes through htmldoc_failed(): the whole input and a message are printed.
- * What was understood before it is kept, the input too, and later calls fail as well. So do a block
- * above HTMLDOC_HEADER_LENGTH bytes and a url above HTMLDOC_URL_LENGTH. When memory is out, -1 with
- * the document as it was: the same bytes can be fed again. */
+ * So do a block above HTMLDOC_HEADER_LENGTH bytes and a url above HTMLDOC_URL_LENGTH. What was
+ * understood before it is kept, the input too, and the next call reads the block once more from its
+ * first line: a start line that was understood is then read as a header line.
+ *
+ * When memory is out, -1 with the document as it was: the same bytes can be fed again. The buffer's
+ * own message, or htmldoc_failed() with "malloc(): <text of errno>", says so. */
 int htmldoc_wrap(htmldoc *d, const char *data, int len);
 
 /* Takes the output of a CGI program: header lines without a start line, an empty line, and the
- * body, which is all that follows. The caller passes the whole text each time. Returns 1 while the
- * empty line is missing, 0 when the text was taken, -1 on a failure. As in htmldoc_wrap(), but for
- * lines without ':', which are skipped. */
+ * body, which is all that follows: its capacity and length are its number of bytes, whatever
+ * "Content-Length" says, and a body from before is released. The caller passes the whole text each
+ * time; `input` is not used. Returns 1 while the empty line is missing, 0 when the text was taken,
+ * -1 on a failure. As in htmldoc_wrap(), but for lines without ':', which are skipped. */
 int htmldoc_wrap_cgi(htmldoc *d, const char *text, int len);
 
 /* Splits a complete urlencoded body into post_params, each put in front of the list. The body is
@@ -136,7 +143,8 @@ enum { HTMLDOC_GET = 1, HTMLDOC_POST = 2, HTMLDOC_HTTP_1_0 = 16, HTMLDOC_HTTP_1_
 
 /* Fills the start line: a copy of `url`, and method and protocol as `flags` say (what they don't
  * name stays). The url that was there is not released. Does nothing when an argument is NULL or
- * memory is out. Of a url above 65,535 bytes url_length holds the low 16 bits. */
+ * memory is out. Of a url above 65,535 bytes url_length holds the low 16 bits; where those are 0,
+ * and for an empty url, the caller releases the url. */
 void htmldoc_init_proto(htmldoc *d, const char *url, int flags);
 
 /* Appends `n` bytes to the body, and a terminator. A body that is too small grows to
@@ -145,12 +153,12 @@ void htmldoc_init_proto(htmldoc *d, const char *url, int flags);
  * negative. Nothing appended to an empty body changes nothing. */
 int htmldoc_body_append(htmldoc *d, const void *data, int n);
 
-/* Appends a text. Returns as above; -1 with "htmldoc_body_append_str: append null data" for NULL.
- */
+/* Appends a text. Returns as above; -1 with "htmldoc_body_append_str: append null data" for
+ * NULL. */
 int htmldoc_body_append_str(htmldoc *d, const char *text);
 
-/* Appends a formatted text, cut at HTMLDOC_ARGUMENT_LENGTH bytes. Returns as htmldoc_body_append().
- */
+/* Appends a formatted text, cut at HTMLDOC_ARGUMENT_LENGTH bytes. Returns as
+ * htmldoc_body_append(). */
 int htmldoc_body_append_arg(htmldoc *d, const char *format, ...) ZT_PRINTF_LIKE(2, 3);
 
 /* Appends the document as HTTP text to the byte buffer of these three fields: start line, one line

@@ -79,8 +79,7 @@ extern "C" int http_wrap_post(http_document* d) {
     return d ? zt::http::split_form(message_of(*d), kFamily) : -1;
 }
 
-// --- building and rendering
-// -----------------------------------------------------------------------
+// --- building and rendering ----------------------------------------------------------------------
 
 extern "C" int http_body_append(http_document* d, const void* data, int n) {
     return d ? zt::http::append_to_body(d->body, data, n) : -1;
@@ -104,8 +103,7 @@ extern "C" void http_unwrap(char** data, unsigned* capacity, unsigned* length, h
     if (d) zt::http::render(message_of(*d), kFamily, is_request != 0, data, capacity, length);
 }
 
-// --- lists of options
-// -----------------------------------------------------------------------------
+// --- lists of options ----------------------------------------------------------------------------
 
 extern "C" htmldoc_option* http_add_option(htmldoc_option** head, const char* name,
                                            const char* value) {
@@ -130,8 +128,7 @@ extern "C" void _http_options_free(htmldoc_option** head) {
     if (head) zt::http::free_options(*head);
 }
 
-// --- percent-encoding and reports
-// -----------------------------------------------------------------
+// --- percent-encoding and reports ----------------------------------------------------------------
 
 extern "C" int _http_uri_encode(const char* src, char* dst, int size) {
     return src && dst ? zt::http::encode_uri(src, dst, size, __func__) : -1;

@@ -55,7 +55,7 @@ void http_dump(const http_document *d);
  * appended to the body. What is fed to a complete document is ignored.
  *
  * The header's rules and failures are those of htmldoc_wrap(); a failure prints this call's data.
- * The url has 1,501 bytes of spare room behind its text. */
+ * The url's block is 1,501 bytes longer than its text, terminator included. */
 int http_wrap(http_document *d, const char *data, int len);
 
 int http_wrap_cgi(http_document *d, const char *text, int len);
@@ -82,8 +82,7 @@ int http_params_to_qry(htmldoc_option **head, char *out, int size);
 
 void _http_options_free(htmldoc_option **head);
 
-/* --- percent-encoding and reports ---------------------------------------------------------------
- */
+/* --- percent-encoding and reports ------------------------------------------------------------- */
 
 int _http_uri_encode(const char *src, char *dst, int size);
 int _http_uri_decode(const char *src, char *dst, int size);

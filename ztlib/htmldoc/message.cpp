@@ -28,8 +28,7 @@ std::string_view view_of(const char* text) { return text ? text : ""; }
 // For "%.*s": as much of the text as printf can count.
 int printable(size_t length) { return static_cast<int>(std::min<size_t>(length, INT_MAX)); }
 
-// --- copying
-// --------------------------------------------------------------------------------------
+// --- copying -------------------------------------------------------------------------------------
 
 bool copy_url(const Message& copy, const Message& m) {
     if (!m.url) {
@@ -67,8 +66,7 @@ bool copy_options(htmldoc_option*& copy, const htmldoc_option* list) {
     return true;
 }
 
-// --- rendering
-// ------------------------------------------------------------------------------------
+// --- rendering -----------------------------------------------------------------------------------
 
 // The pieces of a message in their order, each handed to `take`.
 template <class Take>
@@ -95,8 +93,7 @@ void for_each_piece(const Message& m, const Family& family, bool is_request, Tak
     if (m.body.capacity != 0 && m.body.data) take(std::string_view(m.body.data, m.body.length));
 }
 
-// --- body
-// -----------------------------------------------------------------------------------------
+// --- body ----------------------------------------------------------------------------------------
 
 // Makes room for `n` bytes and a terminator. False, with errno set, when memory is out.
 bool make_room(buffer& body, size_t n) {
@@ -116,8 +113,7 @@ bool make_room(buffer& body, size_t n) {
     return true;
 }
 
-// --- forms
-// ----------------------------------------------------------------------------------------
+// --- forms ---------------------------------------------------------------------------------------
 
 // Ends each piece within the first `length` bytes with a zero byte in place of its '&'.
 void terminate_pieces(char* text, size_t length) {

@@ -26,8 +26,7 @@ constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kBlockEnd = "\r\n\r\n";
 constexpr auto npos = std::string_view::npos;
 
-// --- refusals
-// -------------------------------------------------------------------------------------
+// --- refusals ------------------------------------------------------------------------------------
 
 // Says why a text is refused, under the family's name and behind the text itself.
 class Refusal {
@@ -54,8 +53,7 @@ class Refusal {
 
 int as_int(size_t length) { return static_cast<int>(length); }
 
-// --- the end of the block
-// ---------------------------------------------------------------------------
+// --- the end of the block ------------------------------------------------------------------------
 
 // From `at` on: where a line feed stands with a CR behind it, as in the middle of a block's end and
 // nowhere else in most blocks, or a zero byte; or the text's length.
@@ -94,8 +92,7 @@ bool is_hidden(std::string_view text, size_t line_feed) {
     }
 }
 
-// --- lines
-// ------------------------------------------------------------------------------------------
+// --- lines ---------------------------------------------------------------------------------------
 
 size_t find_char(std::string_view text, char c) {
     const void* found = memchr(text.data(), c, text.size());
@@ -118,8 +115,7 @@ Verdict for_each_line(std::string_view block, Take take) {
     }
 }
 
-// --- what a block says
-// --------------------------------------------------------------------------------
+// --- what a block says ---------------------------------------------------------------------------
 
 // What was understood of a block so far. The words still lie in the block.
 class Head {
@@ -333,11 +329,16 @@ int take_body(buffer& body, const htmldoc_option* options, uint8_t& body_ok,
     return append(body, bytes) ? judge_body(options, body.length, body_ok) : -1;
 }
 
-Receipt take_block(const Message& m, const Family& family, std::string_view text, size_t end) {
+Receipt take_block(const Message& m, const Family& family, std::string_view text, size_t end,
+                   buffer* refused) {
     const Refusal refuse(family, text);
     Head head(m, family, refuse);
     const Verdict verdict = head.read(zt::front(text, end + kLineEnd.size()));
-    if (verdict == Verdict::refused) head.store(m);
+    if (verdict == Verdict::refused) {
+        if (refused && !append(*refused, text)) return {Verdict::out_of_memory};
+        head.store(m);
+        return {verdict, refused ? text.size() : 0};
+    }
     if (verdict != Verdict::taken) return {verdict};
 
     const size_t block_bytes = end + kBlockEnd.size();

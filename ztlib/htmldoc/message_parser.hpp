@@ -37,8 +37,10 @@ size_t find_block_end(std::string_view text, size_t searched);
 Verdict judge_block(std::string_view text, size_t end, const Family& family);
 
 // Parses the block that ends at `end`, takes what follows it as body where the body is not complete
-// yet, and only then stores anything.
-Receipt take_block(const Message& m, const Family& family, std::string_view text, size_t end);
+// yet, and only then stores anything. A text that is refused is first appended to `refused`, unless
+// that is null.
+Receipt take_block(const Message& m, const Family& family, std::string_view text, size_t end,
+                   buffer* refused);
 
 // Sets the flag: a body is complete when its length is what Content-Length says, or nothing is
 // said. 0 when it is, else 1.
@@ -48,14 +50,16 @@ int judge_body(const htmldoc_option* options, uint32_t length, uint8_t& body_ok)
 int take_body(buffer& body, const htmldoc_option* options, uint8_t& body_ok,
               std::string_view bytes);
 
-// Takes the next bytes of a message, of which the first `searched` were looked at before.
+// Takes the next bytes of a message, of which the first `searched` were looked at before. `refused`
+// as in take_block().
 template <class Record>
-Receipt receive(Record& d, const Family& family, std::string_view text, size_t searched) {
+Receipt receive(Record& d, const Family& family, std::string_view text, size_t searched,
+                buffer* refused = nullptr) {
     if (d.header_ok == 0) {
         const size_t end = find_block_end(text, searched);
         const Verdict verdict = judge_block(text, end, family);
         if (verdict != Verdict::taken) return {verdict};
-        return take_block(message_of(d), family, text, end);
+        return take_block(message_of(d), family, text, end, refused);
     }
     if (d.body_ok != 0) return {Verdict::taken};
     if (take_body(d.body, d.options, d.body_ok, text) == -1) return {Verdict::out_of_memory};
@@ -69,6 +73,7 @@ Verdict receive_cgi(const Message& m, const Family& family, std::string_view tex
 template <class Record>
 int result_of(const Record& d, Verdict verdict) {
     if (verdict == Verdict::refused || verdict == Verdict::out_of_memory) return -1;
+    if (verdict == Verdict::more_needed) return 1;  // also of a document that was complete before
     return d.header_ok != 0 && d.body_ok != 0 ? 0 : 1;
 }
 
