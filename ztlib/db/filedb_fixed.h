@@ -95,8 +95,8 @@ int filedb_fixed_append_offset(const filedb_fixed *db, int fd, int64_t *offset, 
                                const void *record);
 
 /* Replaces the first record that begins with `key` by `record`, its key included. `scratch`, of
- * record_size bytes, may be NULL; it ends up with the last record that was looked at, and must not
- * overlap the key.
+ * record_size bytes, may be NULL; it ends up with the last whole record that was looked at, and must
+ * not overlap the key.
  * Returns 0, 1, or record_size when the record was found and could not be replaced. */
 int filedb_fixed_edit(const filedb_fixed *db, int fd, const void *key, const void *record,
                       void *scratch);
@@ -114,7 +114,8 @@ int filedb_fixed_edit_offset(const filedb_fixed *db, int fd, int64_t offset, con
 int filedb_fixed_remove(const filedb_fixed *db, int fd, const void *key);
 
 /* Copies the first record that begins with `key` to `record`, which has room for record_size bytes
- * and must not overlap the key. Returns 0 or 1. Unless it is 0, `record` has the last whole record that was looked at, or is
+ * and must not overlap the key.
+ * Returns 0 or 1. Unless it is 0, `record` has the last whole record that was looked at, or is
  * untouched where there was none. */
 int filedb_fixed_find(const filedb_fixed *db, int fd, const void *key, void *record);
 
