@@ -683,6 +683,16 @@ TEST_P(FiledbFixed, VisitsWhatACallbackAppendedAndNotWhatItRemoved) {
     EXPECT_EQ(db.content(), kA + kB + d);
 }
 
+TEST_P(FiledbFixed, DoesNotVisitALastRecordThatACallbackCutOff) {
+    Visited visited;
+    const int result = walk(db, fd, [&](int in_use, int64_t offset, std::string& read) {
+        visited.records.push_back(read);
+        return offset == 0 ? filedb_fixed_remove(db, in_use, key("c").data()) : 0;
+    });
+    EXPECT_EQ(result, 0);
+    EXPECT_THAT(visited.records, ElementsAre(kA, kB));
+}
+
 TEST_P(FiledbFixed, LetsACallbackRemoveEveryRecordItVisits) {
     std::string many;
     for (int i = 0; i < 100; ++i) many += record(std::to_string(i), "");
