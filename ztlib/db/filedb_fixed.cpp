@@ -48,6 +48,7 @@ enum Result {
 };
 
 constexpr size_t kBlockSize = 32 * 1024;
+constexpr size_t kCacheLine = 64;
 constexpr mode_t kFileMode = 0644;
 constexpr int kFirstFreeDescriptor = STDERR_FILENO + 1;
 
@@ -245,7 +246,7 @@ class Scan {
     size_t whole_ = 0;    // ... that are whole records
     int64_t offset_ = 0;  // the block's, in the file
     int result_ = kDone;
-    alignas(max_align_t) char inside_[kBlockSize];
+    alignas(kCacheLine) char inside_[kBlockSize];
 };
 
 template <class Word>
@@ -341,9 +342,11 @@ int walk(zt::Site site, const filedb_fixed* db, int fd, Visit visit) {
     const uint32_t& writes = writes_through(access.fd());
     const size_t size = size_of_record(*db);
     while (scan.read_block()) {
-        for (char* record = scan.begin(); record != scan.end(); record += size) {
-            const uint32_t before = zt::load(writes);
-            const int result = visit(access.fd(), scan.offset_of(record), record);
+        const uint32_t before = zt::load(writes);
+        char* const end = scan.end();
+        for (char* record = scan.begin(); record != end; record += size) {
+            const int result =
+                visit(access.fd(), scan.offset_of(record), record, static_cast<int32_t>(size));
             if (result != kDone) return result;
             if (zt::load(writes) == before) continue;
             if (!scan.go_on_behind(record)) return kSeekFailed;
@@ -479,15 +482,16 @@ extern "C" int filedb_fixed_find(const filedb_fixed* db, int fd, const void* key
 extern "C" int filedb_fixed_list(const filedb_fixed* db, int fd, void* context,
                                  filedb_fixed_list_callback callback) {
     if (!callback) return kFailed;
-    return walk({kModule, __func__}, db, fd, [&](int, int64_t, char* record) {
-        return callback(context, record, db->record_size);
+    return walk({kModule, __func__}, db, fd, [=](int, int64_t, char* record, int32_t size) {
+        return callback(context, record, size);
     });
 }
 
 extern "C" int filedb_fixed_list_offset(filedb_fixed* db, int fd, void* context,
                                         filedb_fixed_list_offset_callback callback) {
     if (!callback) return kFailed;
-    return walk({kModule, __func__}, db, fd, [&](int in_use, int64_t offset, char* record) {
-        return callback(context, db, in_use, offset, record, db->record_size);
-    });
+    return walk({kModule, __func__}, db, fd,
+                [=](int in_use, int64_t offset, char* record, int32_t size) {
+                    return callback(context, db, in_use, offset, record, size);
+                });
 }
