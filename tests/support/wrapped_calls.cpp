@@ -23,6 +23,7 @@
 #include <netdb.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <spawn.h>
 #include <sys/file.h>
 #include <sys/select.h>
 #include <sys/socket.h>
