@@ -147,7 +147,7 @@ TEST(Routes, EndWhereARecordCannotBeMadeAndSkipALineThatCannotBeSplit) {
         network_routes_free(listed);
     }
     EXPECT_GT(shorter, 10u);
-    EXPECT_THAT(log.messages(), testing::Contains("malloc(): Cannot allocate memory"));
+    EXPECT_THAT(log.messages(), testing::Contains("malloc()(): Cannot allocate memory"));
 }
 
 TEST(Routes, OfAHostWithoutIpAreNone) {
