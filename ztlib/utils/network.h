@@ -52,7 +52,9 @@ typedef struct ipv4_address {
     uint8_t reserved[8]; /* 0 */
 } __attribute__((packed)) ipv4_address;
 
-/* A route through a gateway. The default route's destination is 0.0.0.0/0, its mask 0. */
+/* A route through a gateway. The default route's destination is 0.0.0.0/0, its mask 0. Nothing else
+ * is known of a route: a host that has one with a metric and is brought to the list that it gave
+ * itself may end up with a second one, without. */
 typedef struct network_route {
     ipv4_address destination;
     ipv4_address gateway; /* prefix 32 */

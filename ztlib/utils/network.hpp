@@ -3,11 +3,13 @@
 #pragma once
 
 #include <ztlib/base/memory.h>
+#include <ztlib/base/text.h>
 #include <ztlib/utils/network.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <string_view>
 
 namespace zt::network {
 
@@ -37,10 +39,10 @@ using Name = FieldText<NETWORK_NAME_SIZE>;
 
 // Sets a field of a record to the first characters of a text, as many as fit.
 template <size_t Size>
-void set_field(char (&field)[Size], const char* text, size_t length) {
-    length = std::min(length, Size - 1);
-    memcpy(field, text, length);
-    memset(field + length, 0, Size - length);
+void set_field(char (&field)[Size], std::string_view text) {
+    const std::string_view fitting = front(text, Size - 1);
+    char* const end = std::copy(fitting.begin(), fitting.end(), field);
+    std::fill(end, field + Size, '\0');
 }
 
 class AddressText {

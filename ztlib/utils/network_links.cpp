@@ -52,8 +52,8 @@ LinkName split_name(std::string_view name) {
 network_interface* make_interface(const LinkName& link) {
     auto* iface = zt::allocate_zeroed<network_interface>();
     if (!iface) return nullptr;
-    set_field(iface->name, link.name.data(), link.name.size());
-    set_field(iface->link, link.parent.data(), link.parent.size());
+    set_field(iface->name, link.name);
+    set_field(iface->link, link.parent);
     return iface;
 }
 
@@ -102,7 +102,7 @@ std::string_view token_behind(const char* mark, const char* line) {
 void add_address(network_interface& iface, std::string_view token) {
     if (iface.address_count == NETWORK_MAX_ADDRESSES) return;
     char text[kLineSize];
-    set_field(text, token.data(), token.size());
+    set_field(text, token);
     ipv4_address address{};
     ipv4_parse_addr(text, &address);
     iface.addresses[iface.address_count++] = address;
@@ -116,7 +116,7 @@ void read_addresses(network_interface& iface) {
     while (output.next_line(line)) {
         zt::cut_at_last(line, '\n');
         if (const std::string_view mac = token_behind("link/ether", line); !mac.empty())
-            set_field(iface.mac, mac.data(), mac.size());
+            set_field(iface.mac, mac);
         if (const std::string_view address = token_behind("inet ", line); !address.empty())
             add_address(iface, address);
     }

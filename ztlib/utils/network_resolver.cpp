@@ -30,7 +30,7 @@ void read_line(char* line, network_resolv& resolv) {
     const char* const value = blank + 1;
 
     if (strcmp(line, "search") == 0) {
-        set_field(resolv.search, value, strlen(value));
+        set_field(resolv.search, value);
     } else if (strcmp(line, "nameserver") == 0) {
         if (resolv.nameserver_count == NETWORK_MAX_NAMESERVERS) return;
         ipv4_address address{};
