@@ -118,7 +118,7 @@ TEST(CommandOutput, IsWaitedForThoughNobodyReadsIt) {
 TEST(CommandOutput, OfWhatDoesNotStartIsEmpty) {
     const Leftovers leftovers;
     EXPECT_THAT(output({"/none/such"}), IsEmpty());
-    for (const char* call : {"pipe2", "posix_spawnp"}) {
+    for (const char* call : {"memfd_create", "posix_spawnp", "lseek"}) {
         FailingCall fault(call, EMFILE);
         EXPECT_THAT(output({"echo", "x"}), IsEmpty());
         EXPECT_TRUE(fault.hit());
@@ -127,7 +127,7 @@ TEST(CommandOutput, OfWhatDoesNotStartIsEmpty) {
 }
 
 TEST(CommandOutput, ReachesAHostWithoutStandardStreams) {
-    // The pipe's ends are then 0 and 1, or 1 and 2.
+    // The output's descriptor is then 0, or 1 as it is for the program.
     for (const bool with_input : {false, true}) {
         const ChildResult child = run_in_child([&] {
             if (!with_input) close(STDIN_FILENO);

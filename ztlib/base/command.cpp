@@ -1,13 +1,16 @@
 // Programs are started with posix_spawnp(), which copies neither the host's memory nor its page
 // tables, however large the host is. A child has the host's environment, signal mask and standard
 // streams, as one of popen() or system() has.
+//
+// Output goes to a file in memory and is read when the program has ended: it wakes the host up once,
+// where a pipe does so for what is written, for its end and for the program's end.
 
 #include <ztlib/base/command.h>
 
 #include <cerrno>
 
-#include <fcntl.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,7 +21,7 @@ namespace {
 constexpr int kMissing = 127;  // a shell's exit statuses
 constexpr int kNotRunnable = 126;
 
-// Returns 0, or an error number with `child` untouched.
+// Returns 0, or an error number.
 int start(Words words, const posix_spawn_file_actions_t* actions, pid_t& child) {
     // Neither the words nor the array is written to; the type is older than const.
     return posix_spawnp(&child, words[0], actions, nullptr, const_cast<char* const*>(words),
@@ -29,21 +32,12 @@ int start(Words words, const posix_spawn_file_actions_t* actions, pid_t& child) 
 pid_t start_writing_to(int output, Words words) {
     posix_spawn_file_actions_t actions;
     if (posix_spawn_file_actions_init(&actions) != 0) return -1;
-    pid_t child = -1;
-    if (posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO) == 0)
-        start(words, &actions, child);
+    pid_t child;
+    if (posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO) != 0 ||
+        start(words, &actions, child) != 0)
+        child = -1;
     posix_spawn_file_actions_destroy(&actions);
     return child;
-}
-
-// Starts the program; returns the end of a pipe that its output is read from, or -1.
-int start_reading_from(Words words, pid_t& child) {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) return -1;
-    Descriptor reading(ends[0]);
-    const Descriptor writing(ends[1]);
-    child = start_writing_to(writing.get(), words);
-    return child < 0 ? -1 : reading.release();
 }
 
 // The child's wait status, or -1.
@@ -52,6 +46,16 @@ int wait_for(pid_t child) {
     while (waitpid(child, &status, 0) < 0)
         if (errno != EINTR) return -1;
     return status;
+}
+
+// Runs the program to its end; returns a file of what it wrote, to be read from its start, or -1.
+int output_of(Words words) {
+    Descriptor file(memfd_create("output", MFD_CLOEXEC));
+    if (!file) return -1;
+    const pid_t child = start_writing_to(file.get(), words);
+    if (child < 0) return -1;
+    wait_for(child);
+    return lseek(file.get(), 0, SEEK_SET) == 0 ? file.release() : -1;
 }
 
 // What a shell makes of a program that does not start.
@@ -79,15 +83,6 @@ int run_command(Words words) {
     return error == 0 ? wait_for(child) : status_of_failed_start(error);
 }
 
-CommandOutput::CommandOutput(Words words)
-    : output_(start_reading_from(words, child_)), lines_(output_.get()) {}
-
-CommandOutput::~CommandOutput() {
-    if (child_ < 0) return;
-    char rest[1024];
-    while (lines_.next(rest)) {
-    }
-    wait_for(child_);
-}
+CommandOutput::CommandOutput(Words words) : output_(output_of(words)), lines_(output_.get()) {}
 
 }  // namespace zt

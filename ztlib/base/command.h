@@ -6,8 +6,6 @@
 
 #include <cstddef>
 
-#include <sys/types.h>
-
 namespace zt {
 
 // A program's name, looked for along PATH, and its arguments, ended by null.
@@ -18,15 +16,12 @@ using Words = const char* const*;
 // process could be made or waited for.
 int run_command(Words words);
 
-// What a program writes to its standard output, a line at a time. A program that cannot be started
-// writes nothing.
+// What a program wrote to its standard output, a line at a time. A program that could not be started
+// wrote nothing.
 class CommandOutput {
   public:
+    // Runs the program and waits for its end.
     explicit CommandOutput(Words words);
-    // Reads what is left, so that the program comes to its end undisturbed, and waits for that.
-    ~CommandOutput();
-    CommandOutput(const CommandOutput&) = delete;
-    CommandOutput& operator=(const CommandOutput&) = delete;
 
     // As Lines::next().
     template <size_t Size>
@@ -35,7 +30,6 @@ class CommandOutput {
     }
 
   private:
-    pid_t child_ = -1;
     Descriptor output_;
     Lines lines_;
 };
