@@ -23,7 +23,9 @@
 #include <netdb.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <spawn.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
