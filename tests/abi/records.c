@@ -247,5 +247,11 @@ FIELD(threadpool_node, worker, 48);
 FIELD(threadpool_node, mutex, 56);
 FIELD(threadpool_node, user, 96);
 
+SIZE(filedb_fixed, 524);
+FIELD(filedb_fixed, path, 0);
+FIELD(filedb_fixed, record_size, 512);
+FIELD(filedb_fixed, key_type, 516);
+FIELD(filedb_fixed, key_size, 520);
+
 extern int abi_records_checked;
 int abi_records_checked;
