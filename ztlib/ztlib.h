@@ -16,6 +16,7 @@
 #include <ztlib/buffers/net_buffer.h>
 #include <ztlib/buffers/wbuffer.h>
 #include <ztlib/utils/converters.h>
+#include <ztlib/utils/network.h>
 #include <ztlib/utils/path.h>
 #include <ztlib/utils/split.h>
 #include <ztlib/utils/uid.h>

@@ -253,5 +253,30 @@ FIELD(filedb_fixed, record_size, 512);
 FIELD(filedb_fixed, key_type, 516);
 FIELD(filedb_fixed, key_size, 520);
 
+/* Packed: these bytes are what saved files hold. */
+SIZE(ipv4_address, 17);
+FIELD(ipv4_address, address, 0);
+FIELD(ipv4_address, mask, 4);
+FIELD(ipv4_address, prefix, 8);
+FIELD(ipv4_address, reserved, 9);
+
+SIZE(network_route, 34);
+FIELD(network_route, destination, 0);
+FIELD(network_route, gateway, 17);
+
+SIZE(network_interface, 374);
+FIELD(network_interface, name, 0);
+FIELD(network_interface, link, 32);
+FIELD(network_interface, mac, 64);
+FIELD(network_interface, reserved, 192);
+FIELD(network_interface, vlan_id, 196);
+FIELD(network_interface, addresses, 200);
+FIELD(network_interface, address_count, 370);
+
+SIZE(network_resolv, 302);
+FIELD(network_resolv, search, 0);
+FIELD(network_resolv, nameservers, 128);
+FIELD(network_resolv, nameserver_count, 298);
+
 extern int abi_records_checked;
 int abi_records_checked;
