@@ -39,6 +39,8 @@
  *
  * Failures are logged as warnings.
  *
+ * Records are read in blocks of 32 KiB, which lie on the caller's stack.
+ *
  * Thread safety: nothing is shared between calls but the file. Operations that open it themselves
  * exclude each other, in all processes and threads. A descriptor has one position: an fd above 0 is
  * one thread's at a time. */
@@ -93,7 +95,8 @@ int filedb_fixed_append_offset(const filedb_fixed *db, int fd, int64_t *offset, 
                                const void *record);
 
 /* Replaces the first record that begins with `key` by `record`, its key included. `scratch`, of
- * record_size bytes, may be NULL; it ends up with the last record that was looked at.
+ * record_size bytes, may be NULL; it ends up with the last record that was looked at, and must not
+ * overlap the key.
  * Returns 0, 1, or record_size when the record was found and could not be replaced. */
 int filedb_fixed_edit(const filedb_fixed *db, int fd, const void *key, const void *record,
                       void *scratch);
@@ -110,8 +113,8 @@ int filedb_fixed_edit_offset(const filedb_fixed *db, int fd, int64_t offset, con
  * may then be there twice. */
 int filedb_fixed_remove(const filedb_fixed *db, int fd, const void *key);
 
-/* Copies the first record that begins with `key` to `record`, which has room for record_size bytes.
- * Returns 0 or 1. Unless it is 0, `record` has the last whole record that was looked at, or is
+/* Copies the first record that begins with `key` to `record`, which has room for record_size bytes
+ * and must not overlap the key. Returns 0 or 1. Unless it is 0, `record` has the last whole record that was looked at, or is
  * untouched where there was none. */
 int filedb_fixed_find(const filedb_fixed *db, int fd, const void *key, void *record);
 
