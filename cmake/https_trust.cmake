@@ -1,9 +1,9 @@
-# zt_https_trust_source(source root intermediate_1 intermediate_2 fingerprint): a rule that makes the
-# source in which the HTTPS client finds what it trusts (ztlib/network/https_trust.hpp).
+# zt_https_trust_source(source root intermediate_1 intermediate_2 fingerprint): a rule that makes
+# the source in which the HTTPS client finds what it trusts (ztlib/network/https_trust.hpp).
 #
 #   root, intermediate_*   files with a certificate each, PEM
-#   fingerprint            file with the SHA-1 of the server's certificate, 40 hexadecimal digits, as
-#                          "openssl x509 -noout -fingerprint -sha1" prints it or bare
+#   fingerprint            file with the SHA-1 of the server's certificate, 40 hexadecimal digits,
+#                          as "openssl x509 -noout -fingerprint -sha1" prints it or bare
 #
 # Run as a script (cmake -D... -P), this file is what the rule calls.
 
@@ -27,7 +27,9 @@ endif()
 # The first certificate of a file, as a string literal for each line.
 function(read_certificate path literals)
     file(READ ${path} text)
-    if(NOT text MATCHES "-----BEGIN CERTIFICATE-----[A-Za-z0-9+/= \t\r\n]+-----END CERTIFICATE-----")
+    set(begin "-----BEGIN CERTIFICATE-----")
+    set(end "-----END CERTIFICATE-----")
+    if(NOT text MATCHES "${begin}[A-Za-z0-9+/= \t\r\n]+${end}")
         message(FATAL_ERROR "HTTPS trust: ${path} has no certificate in PEM form")
     endif()
     string(REPLACE "\r" "" text "${CMAKE_MATCH_0}")
@@ -37,11 +39,16 @@ endfunction()
 
 function(read_fingerprint path bytes)
     file(READ ${path} text)
-    string(REGEX REPLACE "^[^=]*=" "" text "${text}")
+    string(FIND "${text}" "=" equals)
+    if(NOT equals EQUAL -1)
+        math(EXPR digits "${equals} + 1")
+        string(SUBSTRING "${text}" ${digits} -1 text)
+    endif()
     string(REGEX REPLACE "[: \t\r\n]" "" text "${text}")
     string(LENGTH "${text}" length)
     if(NOT length EQUAL 40 OR NOT text MATCHES "^[0-9A-Fa-f]+$")
-        message(FATAL_ERROR "HTTPS trust: ${path} has no SHA-1 fingerprint of 40 hexadecimal digits")
+        message(FATAL_ERROR
+            "HTTPS trust: ${path} has no SHA-1 fingerprint of 40 hexadecimal digits")
     endif()
     string(REGEX REPLACE "(..)" "0x\\1, " text "${text}")
     string(REGEX REPLACE ", $" "" text "${text}")

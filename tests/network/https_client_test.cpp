@@ -473,6 +473,7 @@ TEST_F(HttpsClient, ReturnsNothingWhenThePeerEndsTheConnectionSilently) {
             });
             const CapturedStderr err;
             EXPECT_FALSE(post(peer.port())) << length;
+            EXPECT_EQ(ERR_peek_error(), 0u) << "the next look at the queue is the caller's";
             EXPECT_FALSE(get(peer.port())) << length;
             EXPECT_EQ(err.text(), "");
         }

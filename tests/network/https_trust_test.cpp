@@ -122,7 +122,8 @@ TEST(HttpsTrust, IsNotMadeOfFilesThatAreNeither) {
         EXPECT_EQ(refused.text, "");
     }
     for (const std::string& no_digits :
-         {std::string(), digits.substr(1), digits + "0", digits.substr(1) + "g"}) {
+         {std::string(), digits.substr(1), digits + "0", digits.substr(1) + "g",
+          "a=" + digits + "\nb=" + digits + "\n"}) {
         const Generated refused(root, no_digits);
         EXPECT_NE(refused.status, 0);
         EXPECT_THAT(refused.error, HasSubstr("hasnoSHA-1fingerprintof40hexadecimaldigits"));

@@ -537,7 +537,12 @@ TEST(WebSocketWrap, RefusesNull) {
     EXPECT_EQ(websocket_wrap(frame.data(), len, nullptr, &n, &m), -1);
     EXPECT_EQ(websocket_wrap(frame.data(), len, payload, nullptr, &m), -1);
     EXPECT_EQ(websocket_wrap(frame.data(), len, payload, &n, nullptr), -1);
+    EXPECT_EQ(websocket_wrap(nullptr, 1, payload, &n, &m), 1) << "a buffer that is still empty";
+    EXPECT_EQ(websocket_wrap(frame.data(), 3, nullptr, nullptr, nullptr), 6);
+    EXPECT_EQ(websocket_wrap(frame.data(), len - 1, nullptr, nullptr, nullptr), 8);
     EXPECT_EQ(frame, before);
+    frame[0] = 0x88;
+    EXPECT_EQ(websocket_wrap(frame.data(), len, nullptr, nullptr, nullptr), -8) << "a close frame";
     EXPECT_EQ(n, 77u);
     EXPECT_EQ(m, 78u);
 }

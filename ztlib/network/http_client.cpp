@@ -269,15 +269,18 @@ Handle connect_tls(const Socket& socket, const char* ip, int port) {
     return start_tls(socket);
 }
 
-// A connection to the trusted server for one request, its socket included.
+// A connection to the trusted server for one request, its socket included. What it leaves in
+// OpenSSL's queue goes with it: the caller's next look there is at a connection of its own.
 class Session {
   public:
     Session(const char* ip, int port) : ssl_(https_connect(ip, port)) {}
     ~Session() {
-        if (!ssl_) return;
-        const int fd = SSL_get_fd(ssl_);
-        https_close(ssl_);
-        close(fd);
+        if (ssl_) {
+            const int fd = SSL_get_fd(ssl_);
+            https_close(ssl_);
+            close(fd);
+        }
+        ERR_clear_error();
     }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;

@@ -6,10 +6,10 @@
  *     https_get_request   the same without a body                        IPv4 address, any port
  *     https_connect       only the connection, for a protocol of the host's own
  *
- * Each request function connects, sends one HTTP/1.0 request, and reads until the answer is complete
- * (htmldoc_wrap() says when). It returns the answer, whatever its status, as a new document that is
- * the caller's to release; everything else is released and closed on every path. There are no
- * redirects, and there is no time-out: a silent peer blocks the caller.
+ * Each request function connects, sends one HTTP/1.0 request, and reads until the answer is
+ * complete (htmldoc_wrap() says when). It returns the answer, whatever its status, as a new document
+ * that is the caller's to release; everything else is released and closed on every path. There are
+ * no redirects, and there is no time-out: a silent peer blocks the caller.
  *
  * An answer without "Content-Length" is complete with the bytes that arrived together with the end
  * of its header, or with the header alone: ask servers that announce the length. An answer that the
@@ -21,13 +21,15 @@
  * the message. Those of the HTTPS functions are the parsed documents themselves: `protocol` is the
  * reason phrase, and the header lines are in reverse order.
  *
- * A signal that interrupts a call costs nothing, and a peer that is gone raises none. Functions that
- * say so print on standard error. What htmldoc_wrap() has to say of an answer that it refuses is
- * printed too, and so is what the documents and buffers say when memory is out, which gives NULL.
+ * A signal that interrupts a call costs nothing, but for one that finds a plain request partly
+ * sent: one send has to take it whole, so that request is given up. A peer that is gone raises no
+ * signal. Functions that say so print on standard error. What htmldoc_wrap() has to say of an answer
+ * that it refuses is printed too, and so is what the documents and buffers say when memory is out,
+ * which gives NULL.
  *
  * Trust. The HTTPS functions know one server. It must show a certificate that chains to the root
- * that is compiled into the library, and whose SHA-1 fingerprint is the one that is compiled in; the
- * system's own trust is not asked. There is no host name check, and expired certificates are
+ * that is compiled into the library, and whose SHA-1 fingerprint is the one that is compiled in;
+ * the system's own trust is not asked. There is no host name check, and expired certificates are
  * accepted. Root and fingerprint are chosen when the library is built; a library that was built
  * without a choice trusts nobody.
  *
@@ -89,7 +91,7 @@ int _http_post_get_socket(const char *host, int port);
  *
  * Returns the handle of a blocking connection, or NULL. Then OpenSSL's error queue is printed, one
  * line an error, behind "not norv cert !" when it was the fingerprint that differs. (A socket that
- * cannot be made or connected leaves the queue empty.)
+ * cannot be made or connected, or that the server resets, leaves the queue empty.)
  *
  * To end a connection that was made here:
  *
@@ -114,11 +116,11 @@ void https_close(SSL *ssl);
  *
  * `body` may be NULL when there are no bytes. The answer is also printed, by htmldoc_dump(). One
  * that htmldoc_wrap() refuses is read until the peer closes, and said to be refused with each piece
- * of at most 1,500 bytes.
+ * of at most 1,500 bytes (unless it begins with a line's end).
  *
  * Returns the answer (https_free_request()), or NULL: no connection (https_connect() has printed
- * why), the request did not go out, the answer was refused or cut short, memory is out, the body has
- * more than 2^31 - 1 bytes, or an argument is NULL. */
+ * why), the request did not go out, the answer was refused or cut short, memory is out, the body
+ * has more than 2^31 - 1 bytes, or an argument is NULL. OpenSSL's error queue is empty then. */
 htmldoc *https_post_request(const char *ip, int port, const char *path, const void *body,
                             unsigned body_len);
 

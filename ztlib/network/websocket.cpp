@@ -11,7 +11,6 @@
 
 #include <openssl/sha.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -138,8 +137,8 @@ extern "C" int websocket_handshake(htmldoc* request, htmldoc* response) {
 
 extern "C" int websocket_wrap(unsigned char* data, int len, void* payload, unsigned* payload_len,
                               unsigned* frame_len) {
-    if (!data || !payload || !payload_len || !frame_len) return kNull;
     if (len < 2) return kNoHeader;
+    if (!data) return kNull;
     if ((data[0] & kOpcodeBits) == kClose) return kCloseFrame;
 
     const auto available = static_cast<unsigned>(len);
@@ -152,6 +151,7 @@ extern "C" int websocket_wrap(unsigned char* data, int len, void* payload, unsig
     const unsigned frame = header.size + length;
     if (frame < available) return kMoreThanTheFrame;
     if (frame > available) return kLessThanTheFrame;
+    if (!payload || !payload_len || !frame_len) return kNull;
 
     unsigned char* const from = data + header.size;
     auto* const to = static_cast<unsigned char*>(payload);

@@ -14,7 +14,8 @@
  * Clients mask every frame: byte i of the payload is sent XOR byte i % 4 of the key. Servers mask
  * none.
  *
- * Thread safety: nothing is shared between calls. Nothing is printed or logged. */
+ * Thread safety: nothing is shared between calls. Nothing is printed or logged; where a call fails
+ * in OpenSSL, that one's error queue of the calling thread tells more. */
 #ifndef ZTLIB_NETWORK_WEBSOCKET_H
 #define ZTLIB_NETWORK_WEBSOCKET_H
 
@@ -37,7 +38,7 @@ ZT_BEGIN_DECLS
  * "Upgrade" and origin are the caller's to judge.
  *
  * Returns 0; 1 when the key is missing, empty or longer than 1,463 bytes; -1 when an argument is
- * NULL or memory is out. Unless it returns 0, the response is as it was. */
+ * NULL, memory is out or OpenSSL has no SHA-1. Unless it returns 0, the response is as it was. */
 int websocket_handshake(htmldoc *request, htmldoc *response);
 
 /* Decodes the one frame that the `len` bytes of `data` are.
@@ -49,7 +50,8 @@ int websocket_handshake(htmldoc *request, htmldoc *response);
  *
  * Text, binary, continuation, ping and pong frames are decoded alike, whatever FIN says: look at
  * data[0]. An unmasked frame of up to 125 bytes is read as if its header were 3 bytes long: its
- * payload begins at data[3].
+ * payload begins at data[3], and a frame as RFC 6455 has it, as websocket_unwrap() builds it too,
+ * gives 8. No client may send one: refuse what is unmasked by its data[1], below 128.
  *
  * Returns 0, or, with `data` and all results untouched:
  *
@@ -60,7 +62,7 @@ int websocket_handshake(htmldoc *request, htmldoc *response);
  *      6   a short length and masked, fewer than 6 bytes
  *      7   more bytes than the frame has
  *      8   fewer bytes than the frame has, or than its length says in 64 bits
- *     -1   an argument is NULL
+ *     -1   `data` is NULL, from 2 bytes on; another argument is NULL and the frame is whole
  *
  * 1 to 6 and 8 ask for more bytes. A peer can announce any length: bound what is collected. */
 int websocket_wrap(unsigned char *data, int len, void *payload, unsigned *payload_len,
@@ -80,7 +82,7 @@ int websocket_unwrap(const void *payload, int len, unsigned char *out, unsigned 
 
 /* Encodes in base64, in lines of 64 characters with a newline between them and none at the end.
  * Returns a new terminated text, to be released with free(), empty for no bytes; NULL when memory
- * is out, for NULL with a length, and for more than 2^31 - 1 bytes. */
+ * is out, for NULL with a length, and for more bytes than OpenSSL takes (some 1.5 * 10^9). */
 char *_websocket_base64encode(const void *data, unsigned len);
 
 ZT_END_DECLS

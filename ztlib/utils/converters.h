@@ -66,8 +66,8 @@ char *base64encode_(const void *data, unsigned length, unsigned *out_length);
  * and 0, for such a character and when memory is out. */
 unsigned char *base64decode_(const char *text, unsigned length, unsigned *out_length);
 
-/* The pairs below go through OpenSSL's base64 filter and take at most 2^31 - 1 bytes. They return
- * NULL when memory is out. */
+/* The pairs below go through OpenSSL's base64 filter. They return NULL when memory is out, and for
+ * more bytes than it takes: some 1.5 * 10^9. */
 
 /* Encodes on one line and drops the last character of the encoding. base64encode_() gives all of
  * it. */
