@@ -10,6 +10,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
@@ -35,8 +36,7 @@ static_assert(6 * (kMaxName + kMaxSystem) + 1000 < sizeof Record::report);
 
 int64_t now() {
     using std::chrono::system_clock;
-    return std::chrono::duration_cast<std::chrono::seconds>(
-               system_clock::now().time_since_epoch())
+    return std::chrono::duration_cast<std::chrono::seconds>(system_clock::now().time_since_epoch())
         .count();
 }
 
@@ -102,8 +102,7 @@ void take(Walk& walk, const Record& record, int64_t offset) {
 }
 
 // The library's callback: no exception may pass through it.
-int take_record(void* context, filedb_fixed*, int, int64_t offset, const void* bytes,
-                int) noexcept {
+int take_record(void* context, filedb_fixed*, int, int64_t offset, void* bytes, int) noexcept {
     Walk& walk = *static_cast<Walk*>(context);
     try {
         const auto record = std::make_unique<Record>();
@@ -140,7 +139,7 @@ void Database::open(const std::string& path) {
 }
 
 void Database::read(const std::string& path) {
-    struct stat status{};
+    struct stat status {};
     if (fstat(descriptor_.get(), &status) != 0 || !S_ISREG(status.st_mode))
         fail(path, "not a regular file");
 
@@ -165,12 +164,13 @@ void Database::keep(const Host& host) {
     const std::lock_guard lock(mutex_);
     const auto [at, is_new] = places_.try_emplace(host.name, 0);
     if (!is_new) {
-        if (filedb_fixed_edit_offset(&file_, fd, at->second, 0, record.get(), record.get()) != 0)
+        if (filedb_fixed_edit_offset(&file_, fd, at->second, nullptr, record.get(), record.get()) !=
+            0)
             logger_log(LOGGER_WARNING, kModule, __func__, "cannot keep %s", host.name.c_str());
         return;
     }
     const off_t end = lseek(fd, 0, SEEK_END);
-    if (filedb_fixed_append_offset(&file_, fd, &at->second, 0, record.get()) == 0) return;
+    if (filedb_fixed_append_offset(&file_, fd, &at->second, nullptr, record.get()) == 0) return;
     logger_log(LOGGER_WARNING, kModule, __func__, "cannot keep %s", host.name.c_str());
     places_.erase(at);
     if (end < 0 || ftruncate(fd, end) != 0)

@@ -6,8 +6,8 @@
 //     268    report      the report message's text, see messages.h
 //     16384
 //
-// A host keeps its place in the file, so a report costs one write, however many hosts there are. The
-// file is locked for as long as the server runs: no second server uses it.
+// A host keeps its place in the file, so a report costs one write, however many hosts there are.
+// The file is locked for as long as the server runs: no second server uses it.
 #pragma once
 
 #include <ztlib/db/filedb_fixed.h>

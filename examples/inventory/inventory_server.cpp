@@ -382,9 +382,12 @@ listens on once it does.
 
 Options read_options(int argc, char** argv) {
     const option known[] = {
-        {"bind", required_argument, nullptr, 'b'}, {"port", required_argument, nullptr, 'p'},
-        {"idle", required_argument, nullptr, 'i'}, {"database", required_argument, nullptr, 'd'},
-        {"verbose", no_argument, nullptr, 'v'},    {"help", no_argument, nullptr, 'h'},
+        {"bind", required_argument, nullptr, 'b'},
+        {"port", required_argument, nullptr, 'p'},
+        {"idle", required_argument, nullptr, 'i'},
+        {"database", required_argument, nullptr, 'd'},
+        {"verbose", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},
         {},
     };
     Options options;

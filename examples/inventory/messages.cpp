@@ -144,7 +144,9 @@ std::string address_of(const xmldoc_node* element) {
 }
 
 Interface interface_of(const xmldoc_node* node) {
-    Interface interface{text_of(node, "name", kMaxName), traffic_of(node), "", {}};
+    Interface interface {
+        text_of(node, "name", kMaxName), traffic_of(node), "", {}
+    };
     if (xmldoc_node_get(node, "mac")) interface.mac = text_of(node, "mac", kMaxMac);
     for_each_child(node, "address", kMaxAddresses, [&](const xmldoc_node* child) {
         interface.addresses.push_back(address_of(child));

@@ -34,6 +34,10 @@ std::string table(const std::vector<Column>& columns, const std::vector<Row>& ro
             const std::string_view content = cell(i);
             const size_t fill = widths[i] - width(content);
             const bool right = columns[i].align == Align::right;
+            if (content.empty()) {
+                owed += fill + kGap;
+                continue;
+            }
             text.append(owed + (right ? fill : 0), ' ').append(content);
             owed = kGap + (right ? 0 : fill);
         }
@@ -75,7 +79,8 @@ std::string interfaces_table(const std::vector<Interface>& interfaces) {
         const std::vector<std::string>& addresses = interface.addresses;
         rows.push_back({interface.name, addresses.empty() ? "" : addresses.front(), interface.mac,
                         size_text(interface.traffic.received), size_text(interface.traffic.sent)});
-        for (size_t i = 1; i < addresses.size(); ++i) rows.push_back({"", addresses[i], "", "", ""});
+        for (size_t i = 1; i < addresses.size(); ++i)
+            rows.push_back({"", addresses[i], "", "", ""});
     }
     return table({{"INTERFACE", Align::left},
                   {"ADDRESS", Align::left},

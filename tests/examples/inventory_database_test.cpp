@@ -246,8 +246,8 @@ TEST_F(InventoryDatabase, RefusesWhatIsNoDatabaseAndLeavesItAlone) {
     std::filesystem::create_directory(directory);
     refuses(directory, directory + ": Is a directory");
     refuses("/dev/null", "/dev/null: not a regular file");
-    refuses(scratch / "missing" / "hosts.db",
-            scratch / "missing" / "hosts.db" + std::string(": No such file or directory"));
+    const std::string nowhere = scratch / "missing/hosts.db";
+    refuses(nowhere, nowhere + ": No such file or directory");
     refuses(std::string(512, 'x'), "--database: the path is too long");
 }
 
