@@ -27,6 +27,7 @@
 
 #include <ztlib/network/http_client.h>
 #include <ztlib/network/lead4.h>
+#include <ztlib/network/protocols/rtp/rtp.h>
 #include <ztlib/network/socket_client/socket_client.h>
 #include <ztlib/network/socket_listener.h>
 #include <ztlib/network/websocket.h>
@@ -34,5 +35,8 @@
 #include <ztlib/pools/threadpool/netthreadpool.h>
 #include <ztlib/pools/threadpool/protocols/simple_xml.h>
 #include <ztlib/pools/threadpool/threadpool.h>
+
+#include <ztlib/scheduler/sched_singlethread.h>
+#include <ztlib/scheduler/sched_task.h>
 
 #endif
