@@ -13,7 +13,7 @@
  * is all.
  *
  * Tasks run with no lock held and may schedule others. A task never frees its own scheduler, which
- * waits for its thread.
+ * waits for its thread. The thread has the signal mask of the one that made the scheduler.
  *
  * A mutex that cannot be taken ends the process with 1 (pthread_utils.h); one that cannot be made
  * or released prints
@@ -50,7 +50,8 @@ sched_singlethread *sched_singlethread_create(void);
 
 /* Prepares a scheduler in the caller's own storage, which must be zeroed, and starts its thread.
  * Returns 0, or -1 with nothing left to release, after a warning: "queue_init(): ..." when the
- * queue's semaphore cannot be made, "pthread_create() failed" when the thread cannot. */
+ * queue's semaphore cannot be made, "pthread_create() failed" when the thread cannot (errno says
+ * why). */
 int sched_singlethread_init(sched_singlethread *s);
 
 /* Hands over a task, made by sched_task_create() or of the malloc family otherwise; from now on the

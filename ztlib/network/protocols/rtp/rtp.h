@@ -121,8 +121,7 @@ int rtp_wrap(rtp_session *session, const unsigned char *packet, unsigned len, vo
  * are, and the rest of *out stays as it was.
  *
  * The three bytes of cumulative_packets_lost are extended as signed numbers one by one before they
- * are combined, so a byte of 0x80 or more sets all bits above its own: 00 00 80 is -128, and only
- * numbers whose lower two bytes are below 0x80 come out as they were sent. */
+ * are combined, so a byte of 0x80 or more sets all bits above its own: 00 00 80 is -128. */
 int rtcp_wrap(rtp_session *session, const unsigned char *packet, unsigned len, rtcp_packet *out);
 
 /* Prints on standard error:
