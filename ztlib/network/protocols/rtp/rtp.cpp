@@ -81,29 +81,26 @@ rtp_header parse_header(const unsigned char* packet) {
     return header;
 }
 
-uint64_t microseconds_since_the_epoch() {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    return static_cast<uint64_t>(now.tv_sec) * kMicrosecondsPerSecond +
-           static_cast<uint64_t>(now.tv_usec);
-}
-
-double whole_seconds(uint64_t microseconds) {
-    return static_cast<double>(microseconds / kMicrosecondsPerSecond);
+uint64_t in_microseconds(const timeval& time) {
+    return static_cast<uint64_t>(time.tv_sec) * kMicrosecondsPerSecond +
+           static_cast<uint64_t>(time.tv_usec);
 }
 
 // The estimator of RFC 3550, on arrival times in whole seconds.
 void note_arrival(rtp_session& session, uint32_t timestamp) {
-    const uint64_t now = microseconds_since_the_epoch();
+    timeval now;
+    gettimeofday(&now, nullptr);
     const double ts = timestamp / kSamplesPerSecond;
     if (session.last_arrival_time != 0) {
+        const double second = static_cast<double>(now.tv_sec);
+        const double last_second =
+            static_cast<double>(session.last_arrival_time / kMicrosecondsPerSecond);
         const double difference =
-            (whole_seconds(now) - ts) -
-            (whole_seconds(session.last_arrival_time) - session.last_received_timestamp_in_seconds);
+            (second - ts) - (last_second - session.last_received_timestamp_in_seconds);
         session.jitter += (fabs(difference) - session.jitter) / kJitterSmoothing;
     }
     session.last_received_timestamp = timestamp;
-    session.last_arrival_time = now;
+    session.last_arrival_time = in_microseconds(now);
     session.last_received_timestamp_in_seconds = ts;
 }
 
