@@ -28,6 +28,7 @@
 
 #include <ztlib/network/http_client.h>
 #include <ztlib/network/lead4.h>
+#include <ztlib/network/protocols/rtp/rtp.h>
 #include <ztlib/network/socket_client/socket_client.h>
 #include <ztlib/network/socket_listener.h>
 #include <ztlib/network/websocket.h>
@@ -37,5 +38,7 @@
 #include <ztlib/pools/threadpool/threadpool.h>
 
 #include <ztlib/db/filedb_fixed.h>
+#include <ztlib/scheduler/sched_singlethread.h>
+#include <ztlib/scheduler/sched_task.h>
 
 #endif

@@ -198,6 +198,49 @@ SIZE(xmldoc, 16);
 FIELD(xmldoc, declaration, 0);
 FIELD(xmldoc, root, 8);
 
+SIZE(rtp_session, 56);
+FIELD(rtp_session, ssrc, 0);
+FIELD(rtp_session, timestamp, 4);
+FIELD(rtp_session, initial_sequence, 8);
+FIELD(rtp_session, sequence, 12);
+FIELD(rtp_session, last_received_timestamp, 16);
+FIELD(rtp_session, last_arrival_time, 24);
+FIELD(rtp_session, last_received_timestamp_in_seconds, 32);
+FIELD(rtp_session, jitter, 40);
+FIELD(rtp_session, creation_value, 48);
+
+/* tests/network/protocols/rtp says where the bit-fields lie. */
+SIZE(rtp_header, 16);
+FIELD(rtp_header, sequence, 2);
+FIELD(rtp_header, timestamp, 4);
+FIELD(rtp_header, ssrc, 8);
+FIELD(rtp_header, first_csrc, 12);
+
+SIZE(rtcp_packet, 52);
+FIELD(rtcp_packet, length, 2);
+FIELD(rtcp_packet, sender_ssrc, 4);
+FIELD(rtcp_packet, ntp_timestamp, 8);
+FIELD(rtcp_packet, rtp_timestamp, 16);
+FIELD(rtcp_packet, sender_packet_count, 20);
+FIELD(rtcp_packet, sender_octet_count, 24);
+FIELD(rtcp_packet, report_block.ssrc, 28);
+FIELD(rtcp_packet, report_block.extended_highest_sequence_number, 36);
+FIELD(rtcp_packet, report_block.interarrival_jitter, 40);
+FIELD(rtcp_packet, report_block.last_report, 44);
+FIELD(rtcp_packet, report_block.delay_since_last_report, 48);
+
+SIZE(sched_task, 32);
+FIELD(sched_task, flags, 0);
+FIELD(sched_task, work, 8);
+FIELD(sched_task, done, 16);
+FIELD(sched_task, arg, 24);
+
+SIZE(sched_singlethread, 200);
+FIELD(sched_singlethread, thread, 0);
+FIELD(sched_singlethread, mutex, 8);
+FIELD(sched_singlethread, state, 48);
+FIELD(sched_singlethread, tasks, 56);
+
 /* Behind the last documented field follow the client's own, so only that field's place is fixed. */
 FIELD(socket_client, socket_descriptor, 0);
 FIELD(socket_client, host, 8);
