@@ -148,8 +148,8 @@ int wxmldoc_parse(wxmldoc *document, const wbuffer *text);
  *   - where `path` is NULL.
  *
  * The file is read in lines, of which up to 1,499 bytes count as one piece; a character may go on
- * in the next piece. A zero byte hides the rest of its piece. A read that fails counts as the end of
- * the file (a directory is an empty document), one that is interrupted goes on. */
+ * in the next piece. A zero byte hides the rest of its piece. A read that fails counts as the end
+ * of the file (a directory is an empty document), one that is interrupted goes on. */
 wxmldoc *wxmldoc_parse_file(const char *path);
 
 /* --- dump -------------------------------------------------------------------------------------- */
@@ -165,9 +165,9 @@ void wxmldoc_node_dump(const wxmldoc_node *node);
  *     <msg id="7">text<part></part></msg>
  *
  * Names and values are written as they stand: no character becomes an entity. A NULL name or value
- * is written as an empty one. The stream becomes a wide one, which encodes in the locale of its first
- * use and takes no narrow text any more; where it is a narrow one already nothing is written (see
- * fwide()). `depth` is not used. Does nothing where `node` or `stream` is NULL. Elements more than
+ * is written as an empty one. The stream becomes a wide one, which encodes in the locale of its
+ * first use and takes no narrow text any more; where it is a narrow one already nothing is written
+ * (see fwide()). `depth` is not used. Does nothing where `node` or `stream` is NULL. Elements more than
  * 64 deep need memory; when it is out, the writing ends in front of them. */
 void _wxmldoc_node_dump_fd(const wxmldoc_node *node, FILE *stream, unsigned depth);
 
