@@ -26,9 +26,12 @@ inline std::string text_of(const char* text) { return text ? text : "(null)"; }
 inline std::string text_of(const wchar_t* wide) {
     if (!wide) return "(null)";
     std::string text;
-    for (; *wide; ++wide)
-        text += *wide >= 0 && *wide < 256 ? std::string(1, static_cast<char>(*wide))
-                                          : "(wide " + std::to_string(*wide) + ")";
+    for (; *wide; ++wide) {
+        if (*wide > 0 && *wide < 256)
+            text += static_cast<char>(*wide);
+        else
+            text += "(wide " + std::to_string(*wide) + ")";
+    }
     return text;
 }
 

@@ -676,6 +676,12 @@ TEST(WxmldocDump, WritesToStandardOutputInTheLocalesEncodingAndFlushesIt) {
     EXPECT_EQ(child.status, 3);
 }
 
+TEST(WxmldocDump, IgnoresNull) {
+    CapturedStdout out;
+    wxmldoc_node_dump(nullptr);
+    EXPECT_EQ(out.text(), "");
+}
+
 TEST(WxmldocDump, TakesTheStreamForWideTextAlone) {
     const ChildResult wide_first = run_with_fresh_output([] {
         Document document("<a/>");

@@ -582,8 +582,8 @@ TYPED_TEST(XmlDepth, HoldsForOpenAndForDroppedElements) {
     });
 }
 
-TYPED_TEST(XmlParse, ReadsSixteenMegabytesOfEntitiesOrBlanksInOnePass) {
-    constexpr size_t kSize = 16 * 1024 * 1024;
+TYPED_TEST(XmlParse, ReadsMegabytesOfEntitiesOrBlanksInOnePass) {
+    constexpr size_t kSize = 4 * 1024 * 1024;
     EXPECT_EQ(value_of<TypeParam>("<a>" + repeated("&lt;", kSize / 4) + "</a>").size(), kSize / 4);
     EXPECT_EQ(value_of<TypeParam>("<a>" + repeated("&x;", kSize / 3) + "</a>").size(),
               kSize / 3 * 3);
