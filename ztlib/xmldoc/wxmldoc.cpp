@@ -6,9 +6,8 @@
 // policy, which logs what it refuses, and the reading of a file, whose pieces may end inside a
 // character:
 //
-//     piece  ... 61 62 e2 98        ba 63 64 0a ...
-//                ----- whole        |
-//                      ----- carried in front of the next piece
+//     one piece   ... 61 62 e2 98                   "ab" is decoded, e2 98 carried over
+//     the next              e2 98 ba 63 0a          all is decoded
 
 #include <ztlib/xmldoc/wxmldoc.h>
 
@@ -36,7 +35,7 @@ namespace {
 using zt::Owned;
 
 constexpr const char* kModule = "./xmldoc/wxmldoc";
-constexpr const char* kParserName = "xmldoc_parse";  // in messages, for both documents
+constexpr const char* kParserName = "xmldoc_parse";  // whose messages the parser's are
 
 struct Wide {
     using Char = wchar_t;
