@@ -24,6 +24,7 @@
 
 #include <ztlib/htmldoc/htmldoc.h>
 #include <ztlib/htmldoc/http.h>
+#include <ztlib/xmldoc/wxmldoc.h>
 #include <ztlib/xmldoc/xmldoc.h>
 
 #include <ztlib/network/http_client.h>

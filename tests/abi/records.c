@@ -240,6 +240,26 @@ FIELD(sched_singlethread, thread, 0);
 FIELD(sched_singlethread, mutex, 8);
 FIELD(sched_singlethread, state, 48);
 FIELD(sched_singlethread, tasks, 56);
+SIZE(wxmldoc_attr, 32);
+FIELD(wxmldoc_attr, name, 0);
+FIELD(wxmldoc_attr, value, 8);
+FIELD(wxmldoc_attr, previous, 16);
+FIELD(wxmldoc_attr, next, 24);
+
+SIZE(wxmldoc_node, 72);
+FIELD(wxmldoc_node, name, 0);
+FIELD(wxmldoc_node, value, 8);
+FIELD(wxmldoc_node, parent, 16);
+FIELD(wxmldoc_node, first_attribute, 24);
+FIELD(wxmldoc_node, last_attribute, 32);
+FIELD(wxmldoc_node, first_child, 40);
+FIELD(wxmldoc_node, last_child, 48);
+FIELD(wxmldoc_node, previous_sibling, 56);
+FIELD(wxmldoc_node, next_sibling, 64);
+
+SIZE(wxmldoc, 16);
+FIELD(wxmldoc, declaration, 0);
+FIELD(wxmldoc, root, 8);
 
 /* Behind the last documented field follow the client's own, so only that field's place is fixed. */
 FIELD(socket_client, socket_descriptor, 0);
