@@ -2,8 +2,8 @@
 // tables, however large the host is. A child has the host's environment, signal mask and standard
 // streams, as one of popen() or system() has.
 //
-// Output goes to a file in memory and is read when the program has ended: it wakes the host up once,
-// where a pipe does so for what is written, for its end and for the program's end.
+// Output goes to a file in memory and is read when the program has ended: it wakes the host up
+// once, where a pipe does so for what is written, for its end and for the program's end.
 
 #include <ztlib/base/command.h>
 

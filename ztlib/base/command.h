@@ -16,8 +16,8 @@ using Words = const char* const*;
 // process could be made or waited for.
 int run_command(Words words);
 
-// What a program wrote to its standard output, a line at a time. A program that could not be started
-// wrote nothing.
+// What a program wrote to its standard output, a line at a time. A program that could not be
+// started wrote nothing.
 class CommandOutput {
   public:
     // Runs the program and waits for its end.

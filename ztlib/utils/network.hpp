@@ -58,13 +58,17 @@ class AddressText {
 
 // --- counts --------------------------------------------------------------------------------------
 
+// By value: a packed record's count may stand at any address.
+inline size_t count_within(int32_t count, int32_t most) {
+    return static_cast<size_t>(std::clamp(count, 0, most));
+}
+
 inline size_t address_count(const network_interface& iface) {
-    return static_cast<size_t>(std::clamp<int32_t>(iface.address_count, 0, NETWORK_MAX_ADDRESSES));
+    return count_within(iface.address_count, NETWORK_MAX_ADDRESSES);
 }
 
 inline size_t nameserver_count(const network_resolv& resolv) {
-    return static_cast<size_t>(
-        std::clamp<int32_t>(resolv.nameserver_count, 0, NETWORK_MAX_NAMESERVERS));
+    return count_within(resolv.nameserver_count, NETWORK_MAX_NAMESERVERS);
 }
 
 // --- running `ip` --------------------------------------------------------------------------------
