@@ -42,7 +42,7 @@ typedef struct rtp_session {
     uint8_t creation_value;
 } rtp_session;
 
-/* A packet's header in the host's byte order. */
+/* A packet's header in the host's byte order. The host fills it in, for rtp_dump_rtp(). */
 typedef struct rtp_header {
     uint32_t version : 2;
     uint32_t padding : 1;
