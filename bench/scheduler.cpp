@@ -20,6 +20,7 @@
 #endif
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <semaphore>
 #include <string>
@@ -29,17 +30,21 @@ namespace {
 
 constexpr size_t kTasks = 20'000;  // a pass
 
-// What the tasks of a pass do: they count, and the last one says so.
+// What the tasks of a pass do: they count, and the last one wakes the submitters, who sleep until
+// then and leave the processors to the tasks.
 struct Pass {
+    explicit Pass(size_t submitter_count) : submitters(submitter_count) {}
+
+    const size_t submitters;
     size_t run = 0;
     int64_t sum = 0;
-    std::binary_semaphore over{0};
+    std::counting_semaphore<> over{0};
 
     void add(int32_t result) {
         sum += result;
         if (++run == kTasks) {
             run = 0;
-            over.release();
+            over.release(static_cast<ptrdiff_t>(submitters));
         }
     }
 };
@@ -136,7 +141,7 @@ class GlibBare {
 
 template <class Engine>
 void submit_and_run(benchmark::State& state, size_t submitters, size_t processors) {
-    Pass pass;
+    Pass pass(submitters);
     Engine engine(processors - 1);
     std::vector<size_t> places;
     for (size_t i = 0; i < submitters; i++) places.push_back(i % processors);
@@ -145,9 +150,9 @@ void submit_and_run(benchmark::State& state, size_t submitters, size_t processor
     const auto one_pass = [&] {
         passes++;
         const auto start = std::chrono::steady_clock::now();
-        crew.time([&](size_t index) {
+        crew.time([&](size_t) {
             for (size_t i = 0; i < kTasks / submitters; i++) engine.submit(pass);
-            if (index == 0) pass.over.acquire();
+            pass.over.acquire();
         });
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     };

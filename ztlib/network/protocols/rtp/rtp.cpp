@@ -65,7 +65,8 @@ unsigned header_size(const unsigned char* packet, unsigned len) {
     return size <= len ? size : 0;
 }
 
-// SSRC and CSRC are no more than the upper halves of what the packet says.
+// As rtp_dump_rtp() takes it. SSRC and CSRC are the upper halves of what the packet says; a session
+// needs neither.
 rtp_header parse_header(const unsigned char* packet) {
     rtp_header header{};
     header.version = packet[0] >> 6;

@@ -35,14 +35,14 @@ typedef struct rtp_session {
     uint32_t sequence; /* of the next packet, which carries its low 16 bits */
     /* Incoming: the last packet that was read. */
     uint32_t last_received_timestamp;
-    uint64_t last_arrival_time;               /* microseconds since the epoch; 0: none came yet */
+    uint64_t last_arrival_time;                /* microseconds since the epoch; 0: none came yet */
     double last_received_timestamp_in_seconds; /* at 8 kHz */
-    double jitter;                            /* running estimate, in seconds */
+    double jitter;                             /* running estimate, in seconds */
 
     uint8_t creation_value;
 } rtp_session;
 
-/* A packet's header in the host's byte order. */
+/* A packet's header in the host's byte order. The host fills it in, for rtp_dump_rtp(). */
 typedef struct rtp_header {
     uint32_t version : 2;
     uint32_t padding : 1;
