@@ -876,6 +876,24 @@ TEST(FiledbFixedBlock, IsReadAgainInAWalkThatWritesFarAhead) {
     EXPECT_EQ(seen[4000], record("far", ""));
 }
 
+TEST(FiledbFixedBlock, IsReadAgainInAListWhoseCallbackWritesThroughTheCallersDescriptor) {
+    struct Context {
+        Database db{kA + kB + kC};
+        int fd = filedb_fixed_fdopen(db);
+        std::vector<std::string> seen;
+    } context;
+    const int result = filedb_fixed_list(
+        context.db, context.fd, &context, [](void* pointer, void* bytes, int32_t size) {
+            auto* self = static_cast<Context*>(pointer);
+            self->seen.emplace_back(static_cast<const char*>(bytes), static_cast<size_t>(size));
+            return filedb_fixed_edit(self->db, self->fd, key("c").data(), record("c", "new").data(),
+                                     nullptr);
+        });
+    EXPECT_EQ(result, 0);
+    EXPECT_THAT(context.seen, ElementsAre(kA, kB, record("c", "new")));
+    filedb_fixed_fdclose(context.db, context.fd);
+}
+
 TEST(FiledbFixedBlock, AlignsRecordsAsAnArrayDoes) {
     struct Row {
         int64_t key;
