@@ -4,8 +4,6 @@
 //
 // A scan reads as many whole records at once as a block holds:
 //
-//     offset()
-//     v
 //     +--------+--------+- - - - -+--------+-----+
 //     | record | record |         | record | cut |   what one read() gave
 //     +--------+--------+- - - - -+--------+-----+
@@ -246,7 +244,7 @@ class Scan {
     size_t whole_ = 0;    // ... that are whole records
     int64_t offset_ = 0;  // the block's, in the file
     int result_ = kDone;
-    alignas(kCacheLine) char inside_[kBlockSize];
+    alignas(kCacheLine) char inside_[kBlockSize];  // the system copies faster to such a place
 };
 
 template <class Word>
