@@ -130,6 +130,16 @@ TEST(NetworkFiles, ReplaceWhatWasThere) {
     EXPECT_EQ(content_of(path), kSavedRoutes);
 }
 
+TEST(NetworkFiles, AreEmptiedWhereTheyCannotBeRemoved) {
+    Host ip;
+    ScratchDirectory scratch;
+    const std::string path = scratch.write("file", std::string(10'000, 'x'));
+    FailingCall fault("unlink", EBUSY);
+    network_routes_save(path.c_str(), nullptr);
+    EXPECT_TRUE(fault.hit());
+    EXPECT_EQ(content_of(path), kSavedRoutes);
+}
+
 TEST(NetworkFiles, OfAnEmptyListAreEmpty) {
     ScratchDirectory scratch;
     const std::string path = scratch.write("file", "before");

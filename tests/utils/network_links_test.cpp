@@ -129,7 +129,7 @@ TEST(Links, HaveTheFirst10Addresses) {
 TEST(Links, TakeTheTokensBehindTheirMarks) {
     StandInIp ip;
     const network_interface iface = only_link(ip, "1: v: <UP>\n", "",
-                                              "    link/ether   52:54:00:12:34:56  brd\n"
+                                              "    link/ether   52:54:00:12:34:56\r\n"
                                               "    inet 10.3.3.3 peer 10.3.3.4/32 scope global\n"
                                               "    inet6 fd00::1/64 scope global\n"
                                               "    inet   10.1.2.3/24\n"

@@ -217,10 +217,11 @@ int network_routes_apply(network_route **desired);
  * order and nothing else, 374 bytes for each interface, 34 for each route. Paths are cut at 511
  * characters, as there, and failures are logged as there. */
 
-/* Write `list`, or the host's current one where it is NULL, in place of the file. A failure, or a
- * crash, leaves no file, an empty one, or one that holds only the first records, and 0 is returned
- * all the same. The record at place i, counted from 0, is left out when one before it begins with
- * the 4-byte number i: behind a route to 0.0.0.5, the one at place 5. */
+/* Write `list`, or the host's current one where it is NULL, in place of the file, which is removed
+ * first or, where that fails, emptied. 0 is returned whatever happens: after a failure or a crash
+ * there is no file, or one that lacks records or ends within one. The record at place i, counted
+ * from 0, is left out when one before it begins with the 4-byte number i: behind a route to 0.0.0.5,
+ * the one at place 5. */
 int network_interfaces_save(const char *path, network_interface **list);
 int network_routes_save(const char *path, network_route **list);
 

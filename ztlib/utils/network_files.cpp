@@ -6,6 +6,7 @@
 
 #include <ztlib/db/filedb_fixed.h>
 
+#include <cerrno>
 #include <cstdint>
 
 #include <unistd.h>
@@ -32,11 +33,18 @@ void write(const char* path, Record** list) {
     if (fd >= 0) filedb_fixed_fdclose(&db, fd);
 }
 
+// A file that cannot be removed (another is mounted over it, or its directory is not ours) is
+// emptied where it stands.
+void remove_or_empty(const char* path) {
+    if (unlink(path) == 0 || errno == ENOENT) return;
+    [[maybe_unused]] const int emptied = truncate(path, 0);
+}
+
 // `current` lists the host, `release` frees that list.
 template <class Record>
 void save(const char* path, Record** list, Record** (*current)(), void (*release)(Record**)) {
     if (!path) return;
-    unlink(path);
+    remove_or_empty(path);
     Record** const listed = list ? nullptr : current();
     if (list || listed) write(path, list ? list : listed);
     release(listed);

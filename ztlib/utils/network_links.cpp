@@ -114,6 +114,7 @@ void read_addresses(network_interface& iface) {
     zt::CommandOutput output(words);
     char line[kLineSize];
     while (output.next_line(line)) {
+        zt::cut_at_last(line, '\r');
         zt::cut_at_last(line, '\n');
         if (const std::string_view mac = token_behind("link/ether", line); !mac.empty())
             set_field(iface.mac, mac);
