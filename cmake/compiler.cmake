@@ -10,16 +10,18 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 add_compile_definitions(_GNU_SOURCE OPENSSL_API_COMPAT=0x10100000L)
 add_compile_options(-Wall -Wextra -Wpedantic -Werror $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local> -Wcast-qual -Wformat=2
-                    -fno-omit-frame-pointer -g)
+                    -fno-omit-frame-pointer)
 
 if(ZTLIB_SANITIZE)
-    add_compile_options(-fsanitize=${ZTLIB_SANITIZE} -fno-sanitize-recover=all)
+    # Enough for the lines in a report. Full debug information and optimisation take twice as long
+    # to compile.
+    add_compile_options(-fsanitize=${ZTLIB_SANITIZE} -fno-sanitize-recover=all -O1 -g1)
     add_link_options(-fsanitize=${ZTLIB_SANITIZE})
 elseif(ZTLIB_COVERAGE)
-    add_compile_options(--coverage -fprofile-update=atomic)
+    add_compile_options(-g --coverage -fprofile-update=atomic)
     add_link_options(--coverage)
 else()
-    add_compile_options(-fstack-protector-strong -fstack-clash-protection -fcf-protection -fno-plt)
+    add_compile_options(-g -fstack-protector-strong -fstack-clash-protection -fcf-protection -fno-plt)
     if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
         add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
     endif()
