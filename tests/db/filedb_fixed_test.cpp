@@ -656,6 +656,26 @@ TEST_P(FiledbFixed, LetsACallbackChangeTheRecordsItVisits) {
     for (const std::string& now : listed(db, fd)) EXPECT_EQ(now.back(), '!');
 }
 
+TEST_P(FiledbFixed, VisitsEachOfManyRecordsOnceWhicheverAreChanged) {
+    constexpr int64_t kMany = 5000;  // more than two blocks
+    std::string many;
+    for (int i = 0; i < kMany; ++i) many += record(std::to_string(i), "");
+    db.write(many);
+    int64_t visits = 0;
+    const int result = walk(db, fd, [&](int in_use, int64_t offset, std::string& read) {
+        EXPECT_EQ(read, record(std::to_string(visits), ""));
+        const int64_t index = visits++;
+        EXPECT_EQ(offset, index * static_cast<int64_t>(kRecordSize));
+        if (index % 1000 > 2) return 0;
+        read.back() = '!';
+        return filedb_fixed_edit_offset(db, in_use, offset, nullptr, read.data(), nullptr);
+    });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(visits, kMany);
+    const std::string content = db.content();
+    EXPECT_EQ(std::count(content.begin(), content.end(), '!'), 15);
+}
+
 TEST_P(FiledbFixed, VisitsARecordAheadAsACallbackLeftIt) {
     Visited visited;
     const int result = walk(db, fd, [&](int in_use, int64_t offset, std::string& read) {

@@ -1,6 +1,6 @@
-// Every operation has the same three parts: an Access to the file (a descriptor of its own, locked,
-// or the caller's, whose position it puts back), a Scan that reads records from the start, and what
-// is written when the scan has found its place.
+// Every operation is made of up to three parts: an Access to the file (a descriptor of its own,
+// locked, or the caller's, whose position it puts back), a Scan that reads records from the start,
+// and what is written when the scan has found its place.
 //
 // A scan reads as many whole records at once as a block holds:
 //
@@ -23,6 +23,7 @@
 #include <ztlib/base/failure.h>
 #include <ztlib/base/memory.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -183,6 +184,7 @@ class Scan {
             block_ = inside_;
             capacity_ = kBlockSize / size_ * size_;
         }
+        ahead_ = capacity_;
     }
     Scan(const Scan&) = delete;
     Scan& operator=(const Scan&) = delete;
@@ -196,6 +198,7 @@ class Scan {
         while (filled_ < size_)
             if (!read_on()) return false;
         whole_ = filled_ / size_ * size_;
+        ahead_ = std::min(2 * ahead_, capacity_);
         return true;
     }
 
@@ -205,10 +208,12 @@ class Scan {
 
     int64_t offset_of(const char* record) const { return offset_ + (record - block_); }
 
-    // Forgets what was read behind this record, to read it again. False where that fails.
+    // Forgets what was read behind this record, to read it again: one record first, for whoever
+    // wrote now may write again soon, then more. False where that fails.
     bool go_on_behind(const char* record) {
         offset_ = offset_of(record) + static_cast<int64_t>(size_);
         filled_ = whole_ = 0;
+        ahead_ = size_;
         return lseek(fd_, offset_, SEEK_SET) >= 0;
     }
 
@@ -217,7 +222,7 @@ class Scan {
 
   private:
     bool read_on() {
-        const ssize_t count = read(fd_, block_ + filled_, capacity_ - filled_);
+        const ssize_t count = read(fd_, block_ + filled_, ahead_ - filled_);
         if (count > 0) {
             filled_ += static_cast<size_t>(count);
             return true;
@@ -240,6 +245,7 @@ class Scan {
     const size_t size_;
     char* block_;
     size_t capacity_;     // of the block
+    size_t ahead_;        // ... of which so many are filled at once, whole records
     size_t filled_ = 0;   // bytes in the block
     size_t whole_ = 0;    // ... that are whole records
     int64_t offset_ = 0;  // the block's, in the file
@@ -362,7 +368,7 @@ extern "C" int filedb_fixed_init(filedb_fixed* db, const char* path, uint32_t re
     if (!db || !path) return kFailed;
 
     const size_t length = strnlen(path, sizeof db->path - 1);
-    memcpy(db->path, path, length);
+    memmove(db->path, path, length);  // it may be its own
     db->path[length] = '\0';
     db->record_size = static_cast<int32_t>(record_size);
     db->key_type = key_type;

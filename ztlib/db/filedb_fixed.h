@@ -12,7 +12,9 @@
  * most.
  *
  * A file whose length is no multiple of record_size is damaged from the incomplete record on. What
- * stands before it can be read, edited and removed as ever.
+ * stands before it can be read and edited as ever. A removal moves the file's last record_size
+ * bytes, which are then the end of the last whole record and the incomplete one, and that record is
+ * lost: cut the file to a multiple first.
  *
  * The descriptor `fd` that each operation takes says who opens the file:
  *
@@ -21,7 +23,9 @@
  *                 writers have it alone.
  *     above 0     the caller, with filedb_fixed_fdopen(). Nothing is locked: several operations in
  *                 a row, or a search and what follows from it, are locked by the caller's flock().
- *                 Each operation leaves the position where it found it.
+ *                 Each operation leaves the position where it found it. Whoever holds the lock
+ *                 passes this descriptor: an operation that opens the file would wait for him for
+ *                 ever.
  *
  * Results of the operations, besides their own:
  *
@@ -37,7 +41,8 @@
  *         or a new record was not written whole, logged as "<path> write failed". What was written
  *         of it stays at the file's end.
  *
- * Failures are logged as warnings.
+ * Failures are logged as warnings, under the name of the function that met them: an open under
+ * filedb_fixed_fdopen, the search of filedb_fixed_insert() under filedb_fixed_find.
  *
  * Records are read in blocks of 32 KiB, which lie on the caller's stack.
  *
@@ -89,15 +94,16 @@ void filedb_fixed_fdclose(const filedb_fixed *db, int fd);
  * the same: in a damaged file it then stands behind the incomplete record, out of line. */
 int filedb_fixed_insert(const filedb_fixed *db, int fd, const void *key, const void *record);
 
-/* Appends `record`, whatever its key. *offset (unless NULL) is then the byte at which it stands.
- * `spare` is ignored. */
+/* Appends `record`, whatever its key. Returns 0, and *offset (unless NULL) is then the byte at which
+ * it stands; else *offset is untouched. `spare` is ignored. */
 int filedb_fixed_append_offset(const filedb_fixed *db, int fd, int64_t *offset, const void *spare,
                                const void *record);
 
 /* Replaces the first record that begins with `key` by `record`, its key included. `scratch`, of
  * record_size bytes, may be NULL; it ends up with the last whole record that was looked at, and must
  * not overlap the key.
- * Returns 0, 1, or record_size when the record was found and could not be replaced. */
+ * Returns 0, 1, or record_size when the record was found and could not be replaced (with a
+ * record_size of 1 the last two cannot be told apart). */
 int filedb_fixed_edit(const filedb_fixed *db, int fd, const void *key, const void *record,
                       void *scratch);
 
@@ -108,7 +114,7 @@ int filedb_fixed_edit_offset(const filedb_fixed *db, int fd, int64_t offset, con
                              const void *record, void *scratch);
 
 /* Removes the first record that begins with `key`: the file's last record takes its place, and the
- * file becomes one record shorter.
+ * file becomes one record shorter. (Of a damaged file, see above, it is the last bytes that move.)
  * Returns 0, 1, or record_size when the record was found and could not be removed; the last record
  * may then be there twice. */
 int filedb_fixed_remove(const filedb_fixed *db, int fd, const void *key);
