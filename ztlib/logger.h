@@ -30,9 +30,9 @@ extern uint8_t logger_to_syslog; /* 1: also to the system log (default 1) */
 extern uint8_t logger_to_stderr; /* 1: also to standard error (default 0) */
 extern uint8_t logger_to_stdout; /* 1: also to standard output (default 0) */
 
-/* The identity under which the system log is opened (default "ztlib"; not copied). The log is opened
- * at the first record that finds logger_to_syslog set, with facility LOG_DAEMON, and never closed:
- * a change after that has no effect. */
+/* The identity under which the system log is opened (default "ztlib"; not copied). The log is
+ * opened at the first record that finds logger_to_syslog set, with facility LOG_DAEMON, and never
+ * closed: a change after that has no effect. */
 extern const char *logger_syslog_name;
 
 /* Writes one record.

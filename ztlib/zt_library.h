@@ -1,7 +1,7 @@
 /* Start-up and tear-down of the library's one process-wide dependency, OpenSSL.
  *
- * A host calls zt_library_init() once before it uses a TLS, certificate, key or digest facility, and
- * zt_library_done() once at its end. Containers, buffers, documents and pools need neither. */
+ * A host calls zt_library_init() once before it uses a TLS, certificate, key or digest facility,
+ * and zt_library_done() once at its end. Containers, buffers, documents and pools need neither. */
 #ifndef ZTLIB_ZT_LIBRARY_H
 #define ZTLIB_ZT_LIBRARY_H
 
@@ -15,7 +15,8 @@ ZT_BEGIN_DECLS
 int zt_library_init(void);
 
 /* Releases OpenSSL's global state: ciphers and digests, objects, ex-data, error strings.
- * Nothing of OpenSSL may be used afterwards. Thread safety: call it when no other thread is left. */
+ * Nothing of OpenSSL may be used afterwards. Thread safety: call it when no other thread is
+ * left. */
 void zt_library_done(void);
 
 ZT_END_DECLS

@@ -12,15 +12,15 @@
  *
  * Thread safety: any number of threads add, remove and reset; one thread waits (the wake-up is for
  * one: a second waiter may sleep until the next post). Every int function gives -2 for a null
- * buffer. "Memory is out" also means a null source of more than 0 bytes, and a size that does not fit
- * its 32 bits or 2^31; a failed growth prints its line on standard error, as buffer.h says.
+ * buffer. "Memory is out" also means a null source of more than 0 bytes, and a size that does not
+ * fit its 32 bits or 2^31; a failed growth prints its line on standard error, as buffer.h says.
  *
  * A mutex that cannot be taken ends the process through pthread_utils_mutex_lock(); one that cannot
  * be made or released prints
  *     ./buffers/net_buffer:<function>: <call>(): <text of errno> (<number>)
- * on standard error and ends it with exit(-1); one that cannot be destroyed prints it and the call goes
- * on. The number is the call's result for pthread_mutex_init and pthread_mutex_destroy, and errno for
- * pthread_mutex_unlock. */
+ * on standard error and ends it with exit(-1); one that cannot be destroyed prints it and the call
+ * goes on. The number is the call's result for pthread_mutex_init and pthread_mutex_destroy, and
+ * errno for pthread_mutex_unlock. */
 #ifndef ZTLIB_BUFFERS_NET_BUFFER_H
 #define ZTLIB_BUFFERS_NET_BUFFER_H
 

@@ -57,8 +57,9 @@ int wbuffer_append(wbuffer *b, const wchar_t *s, int n);
 
 /* Appends a multibyte text in the locale's encoding, up to its terminator. `n` is not used.
  * Returns 0, or -1: for a null buffer, or when the buffer cannot grow (both logged by
- * wbuffer_expand(), and here as "wbuffer_expand"), or for a text that is NULL (logged by str2wchr(),
- * before the buffer is looked at) or that the locale cannot convert, with nothing changed. */
+ * wbuffer_expand(), and here as "wbuffer_expand"), or for a text that is NULL (logged by
+ * str2wchr(), before the buffer is looked at) or that the locale cannot convert, with nothing
+ * changed. */
 int wbuffer_cappend(wbuffer *b, const char *s, unsigned n);
 
 /* Appends formatted text, as vswprintf() prints it, and a terminator.
@@ -76,9 +77,9 @@ int wbuffer_cappend(wbuffer *b, const char *s, unsigned n);
  * and a null format; -2 when the buffer cannot grow (logged: "wbuffer_expand"). */
 int wbuffer_vappend(wbuffer *b, const wchar_t *format, ...);
 
-/* Drops the first `n` characters: the rest moves to a new array of the same capacity, or of what it needs where that is more.
- * Dropping exactly all of them makes the buffer empty as wbuffer_init() does: the old array is not
- * released, so a caller that wants it back keeps its address.
+/* Drops the first `n` characters: the rest moves to a new array of the same capacity, or of what it
+ * needs where that is more. Dropping exactly all of them makes the buffer empty as wbuffer_init()
+ * does: the old array is not released, so a caller that wants it back keeps its address.
  * Returns 0; -1 for a null buffer (logged: "empty input buffer"); -3, with nothing changed, when
  * memory is out (logged: "malloc") or `n` is negative or above the length. */
 int wbuffer_remove(wbuffer *b, int n);

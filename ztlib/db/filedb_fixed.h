@@ -94,14 +94,14 @@ void filedb_fixed_fdclose(const filedb_fixed *db, int fd);
  * the same: in a damaged file it then stands behind the incomplete record, out of line. */
 int filedb_fixed_insert(const filedb_fixed *db, int fd, const void *key, const void *record);
 
-/* Appends `record`, whatever its key. Returns 0, and *offset (unless NULL) is then the byte at which
- * it stands; else *offset is untouched. `spare` is ignored. */
+/* Appends `record`, whatever its key. Returns 0, and *offset (unless NULL) is then the byte at
+ * which it stands; else *offset is untouched. `spare` is ignored. */
 int filedb_fixed_append_offset(const filedb_fixed *db, int fd, int64_t *offset, const void *spare,
                                const void *record);
 
 /* Replaces the first record that begins with `key` by `record`, its key included. `scratch`, of
- * record_size bytes, may be NULL; it ends up with the last whole record that was looked at, and must
- * not overlap the key.
+ * record_size bytes, may be NULL; it ends up with the last whole record that was looked at, and
+ * must not overlap the key.
  * Returns 0, 1, or record_size when the record was found and could not be replaced (with a
  * record_size of 1 the last two cannot be told apart). */
 int filedb_fixed_edit(const filedb_fixed *db, int fd, const void *key, const void *record,

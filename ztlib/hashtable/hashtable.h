@@ -33,8 +33,8 @@
  * (<code>)" on standard error and ends it with exit(-1).
  *
  * A NULL table is ignored: pointers come back NULL, hashtable_init and the inserts return -1, the
- * rest does nothing and returns 0. A NULL key is absent; the forms that return with a lock held take
- * it for a NULL key too (for a NULL table there is none to take). */
+ * rest does nothing and returns 0. A NULL key is absent; the forms that return with a lock held
+ * take it for a NULL key too (for a NULL table there is none to take). */
 #ifndef ZTLIB_HASHTABLE_HASHTABLE_H
 #define ZTLIB_HASHTABLE_HASHTABLE_H
 

@@ -19,7 +19,8 @@
  * All messages go to standard error, but for those of htmldoc_create(), which are logged. Where
  * memory runs out, a function returns its failure value and leaves the document as it was.
  *
- * Thread safety: a document belongs to one thread at a time; nothing is shared between documents. */
+ * Thread safety: a document belongs to one thread at a time; nothing is shared between
+ * documents. */
 #ifndef ZTLIB_HTMLDOC_HTMLDOC_H
 #define ZTLIB_HTMLDOC_HTMLDOC_H
 

@@ -7,9 +7,9 @@
  *     https_connect       only the connection, for a protocol of the host's own
  *
  * Each request function connects, sends one HTTP/1.0 request, and reads until the answer is
- * complete (htmldoc_wrap() says when). It returns the answer, whatever its status, as a new document
- * that is the caller's to release; everything else is released and closed on every path. There are
- * no redirects, and there is no time-out: a silent peer blocks the caller.
+ * complete (htmldoc_wrap() says when). It returns the answer, whatever its status, as a new
+ * document that is the caller's to release; everything else is released and closed on every path.
+ * There are no redirects, and there is no time-out: a silent peer blocks the caller.
  *
  * An answer without "Content-Length" is complete with the bytes that arrived together with the end
  * of its header, or with the header alone: ask servers that announce the length. An answer that the
@@ -23,9 +23,9 @@
  *
  * A signal that interrupts a call costs nothing, but for one that finds a plain request partly
  * sent: one send has to take it whole, so that request is given up. A peer that is gone raises no
- * signal. Functions that say so print on standard error. What htmldoc_wrap() has to say of an answer
- * that it refuses is printed too, and so is what the documents and buffers say when memory is out,
- * which gives NULL.
+ * signal. Functions that say so print on standard error. What htmldoc_wrap() has to say of an
+ * answer that it refuses is printed too, and so is what the documents and buffers say when memory
+ * is out, which gives NULL.
  *
  * Trust. The HTTPS functions know one server. It must show a certificate that chains to the root
  * that is compiled into the library, and whose SHA-1 fingerprint is the one that is compiled in;

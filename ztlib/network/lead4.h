@@ -28,8 +28,8 @@ int lead4_unwrap(const void *payload, unsigned n, unsigned char *out, int out_si
 /* Copies the payload of the first frame in `data`, of which `len` bytes are there, to `out`. No
  * terminator is written.
  * Returns the payload's length (the caller goes on behind that many bytes and 4 more), 0 when more
- * bytes are needed, or -1 when the payload is longer than `out_size`, the frame says less than 4, or
- * an argument is NULL. */
+ * bytes are needed, or -1 when the payload is longer than `out_size`, the frame says less than 4,
+ * or an argument is NULL. */
 int lead4_wrap(const unsigned char *data, int len, void *out, unsigned out_size);
 
 /* As lead4_wrap(), but only points *payload at the payload within `data` and stores its length in

@@ -18,8 +18,8 @@
  * A mutex that cannot be taken ends the process with 1 (pthread_utils.h); one that cannot be made
  * or released prints
  *     ./scheduler/sched_singlethread:<function>: <call>(): <text of errno> (<code>)
- * on standard error and ends it with exit(-1). The queue's own mutex does so under the queue's
- * name. */
+ * on standard error and ends it with exit(-1). <function> is one of this header, or the thread's,
+ * sched_singlethread_routine. The queue's own mutex does so under the queue's name. */
 #ifndef ZTLIB_SCHEDULER_SCHED_SINGLETHREAD_H
 #define ZTLIB_SCHEDULER_SCHED_SINGLETHREAD_H
 
@@ -40,7 +40,7 @@ typedef struct sched_singlethread {
 
 enum {
     SCHED_RUNNING = 1,     /* cleared by sched_singlethread_free and by a failed start */
-    SCHED_THREAD_ALIVE = 2 /* cleared by the thread as its last step */
+    SCHED_THREAD_ALIVE = 2 /* cleared by the thread as its last step; stays after a failed start */
 };
 
 /* A new scheduler whose thread runs, or NULL: memory is out ("calloc(): ..." logged as a warning),

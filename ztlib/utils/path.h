@@ -39,9 +39,9 @@ int path_notexists_create(const char *path);
 /* Removes a file, or a directory with all that is in it.
  *
  * Symbolic links are followed: a link to a file is removed and its target stays, but a link to a
- * directory has that directory EMPTIED, wherever it is, and stays itself, so that the directory that
- * holds it stays too. A link back to a directory that is being removed is not entered again. Never
- * call this on a tree in which somebody else can make links.
+ * directory has that directory EMPTIED, wherever it is, and stays itself, so that the directory
+ * that holds it stays too. A link back to a directory that is being removed is not entered again.
+ * Never call this on a tree in which somebody else can make links.
  *
  * Returns 0, or the step that failed, after a line "<call>(<path>): <reason>":
  *     -1  stat() of the path, or its rmdir() at the end

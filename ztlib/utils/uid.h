@@ -67,8 +67,8 @@ int uid_to_file(const char *path, const uid *id);
 int uid_from_file(const char *path, uid *id);
 
 /* Seeds the pseudo-random generator with the time and both counters from the random device, as the
- * first uid_generate() does by itself. Returns 0; -1, -2 when seeding the 16-bit, the 32-bit counter
- * fails. */
+ * first uid_generate() does by itself. Returns 0; -1, -2 when seeding the 16-bit, the 32-bit
+ * counter fails. */
 int _uid_init(void);
 
 ZT_END_DECLS

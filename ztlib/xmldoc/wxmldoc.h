@@ -55,7 +55,7 @@ typedef struct wxmldoc {
     wxmldoc_node *root;        /* the first top-level element */
 } wxmldoc;
 
-/* --- documents --------------------------------------------------------------------------------- */
+/* --- documents -------------------------------------------------------------------------------- */
 
 /* A new empty document, or NULL when memory is out (logged: "calloc"). Release it with
  * wxmldoc_free(document, 1). */
@@ -68,7 +68,7 @@ int wxmldoc_init(wxmldoc *document);
  * itself too where `free_record` is not 0. A null document is ignored. */
 void wxmldoc_free(wxmldoc *document, int free_record);
 
-/* --- nodes ------------------------------------------------------------------------------------- */
+/* --- nodes ------------------------------------------------------------------------------------ */
 
 /* A new node with a copy of `name` and nothing else. NULL when memory is out (logged: "calloc" or
  * "wcsdup") or the name is NULL. */
@@ -86,7 +86,7 @@ void wxmldoc_node_add(wxmldoc_node *parent, wxmldoc_node *child);
 /* The first child with this name (compared as wcscmp() does), or NULL. */
 wxmldoc_node *wxmldoc_node_get(const wxmldoc_node *node, const wchar_t *name);
 
-/* --- attributes -------------------------------------------------------------------------------- */
+/* --- attributes ------------------------------------------------------------------------------- */
 
 /* A new attribute with a copy of each argument that is not NULL; NULL when memory is out (logged as
  * "calloc" where it was for the record). It goes to wxmldoc_attr_add() or wxmldoc_attr_free(). */
@@ -108,7 +108,7 @@ wxmldoc_attr *wxmldoc_attr_get(const wxmldoc_node *node, const wchar_t *name);
 /* The value of the first attribute with this name, or NULL. The text stays the attribute's. */
 wchar_t *wxmldoc_attr_get_value(const wxmldoc_node *node, const wchar_t *name);
 
-/* --- parser ------------------------------------------------------------------------------------ */
+/* --- parser ----------------------------------------------------------------------------------- */
 
 /* Parses the text of a wide buffer into `document`, which may hold something already. The buffer is
  * as the wbuffer functions leave it, with its terminator; it is not changed. A zero character hides
@@ -123,8 +123,8 @@ wchar_t *wxmldoc_attr_get_value(const wxmldoc_node *node, const wchar_t *name);
  *
  * Returns xmldoc_parse()'s results: 0, -1 to -20, -31 (a name of more than 1,023 characters), -32
  * (memory is out), with these differences:
- *   -1   also for a null document (logged: "empty input param doc(): <text of errno>"), a null
- *        buffer, and a buffer that has a length but no data
+ *   -1   also for a null document (logged under this function's own name: "empty input param doc():
+ *        <text of errno>"), a null buffer, and a buffer that has a length but no data
  *   -22  instead of -30: entity decoding failed
  *
  * Logged with the function name "xmldoc_parse":
@@ -132,7 +132,7 @@ wchar_t *wxmldoc_attr_get_value(const wxmldoc_node *node, const wchar_t *name);
  *        with nothing open is -1 as well, and not logged
  *   -11  "'=' not found after attr name"
  *   -22  "failed to escape value: <result of _wxmldoc_value_escape()>"
- * Nothing else is logged.
+ * The parser logs nothing else.
  *
  * What was built before a failure stays in the document, except after -32: then the document is as
  * it was before the call. */
@@ -152,13 +152,13 @@ int wxmldoc_parse(wxmldoc *document, const wbuffer *text);
  * of the file (a directory is an empty document), one that is interrupted goes on. */
 wxmldoc *wxmldoc_parse_file(const char *path);
 
-/* --- dump -------------------------------------------------------------------------------------- */
+/* --- dump ------------------------------------------------------------------------------------- */
 
 /* Writes the node's text to standard output, as _wxmldoc_node_dump_fd() does, and flushes it. The
  * first such call makes standard output a wide stream for good: see there. */
 void wxmldoc_node_dump(const wxmldoc_node *node);
 
-/* --- internal steps ---------------------------------------------------------------------------- */
+/* --- internal steps --------------------------------------------------------------------------- */
 
 /* Writes the text of `node` and all below it to a stream, on one line and never with a declaration:
  *
@@ -167,8 +167,8 @@ void wxmldoc_node_dump(const wxmldoc_node *node);
  * Names and values are written as they stand: no character becomes an entity. A NULL name or value
  * is written as an empty one. The stream becomes a wide one, which encodes in the locale of its
  * first use and takes no narrow text any more; where it is a narrow one already nothing is written
- * (see fwide()). `depth` is not used. Does nothing where `node` or `stream` is NULL. Elements more than
- * 64 deep need memory; when it is out, the writing ends in front of them. */
+ * (see fwide()). `depth` is not used. Does nothing where `node` or `stream` is NULL. Elements more
+ * than 64 deep need memory; when it is out, the writing ends in front of them. */
 void _wxmldoc_node_dump_fd(const wxmldoc_node *node, FILE *stream, unsigned depth);
 
 /* Logs the formatted message as an error of the function "xmldoc_parse" and returns `code`. */

@@ -54,7 +54,7 @@ typedef struct xmldoc {
     xmldoc_node *root;        /* the first top-level element */
 } xmldoc;
 
-/* --- documents --------------------------------------------------------------------------------- */
+/* --- documents -------------------------------------------------------------------------------- */
 
 /* A new empty document, or NULL when memory is out. Release it with xmldoc_free(document, 1). */
 xmldoc *xmldoc_create(void);
@@ -72,9 +72,10 @@ int xmldoc_init(xmldoc *document);
  * itself too where `free_record` is not 0. A null document is ignored. */
 void xmldoc_free(xmldoc *document, int free_record);
 
-/* --- nodes ------------------------------------------------------------------------------------- */
+/* --- nodes ------------------------------------------------------------------------------------ */
 
-/* A new node with a copy of `name` and nothing else; NULL when memory is out or the name is NULL. */
+/* A new node with a copy of `name` and nothing else; NULL when memory is out or the name is
+ * NULL. */
 xmldoc_node *xmldoc_node_create(const char *name);
 
 /* Frees a node with all below it; needs no memory to do so. A node that is still in its parent's
@@ -103,7 +104,7 @@ xmldoc_node *xmldoc_node_get(const xmldoc_node *node, const char *name);
  * The text stays the node's. */
 char *xmldoc_node_get_value(const xmldoc_node *node, const char *name);
 
-/* --- attributes -------------------------------------------------------------------------------- */
+/* --- attributes ------------------------------------------------------------------------------- */
 
 /* A new attribute with a copy of each argument that is not NULL; NULL when memory is out. It goes
  * to xmldoc_node_attr_add(), or is the caller's to free: name, value, record. */
@@ -122,7 +123,7 @@ xmldoc_attr *xmldoc_node_attr_get(const xmldoc_node *node, const char *name);
 /* The value of the first attribute with this name, or NULL. The text stays the attribute's. */
 char *xmldoc_node_attr_get_value(const xmldoc_node *node, const char *name);
 
-/* --- parser ------------------------------------------------------------------------------------ */
+/* --- parser ----------------------------------------------------------------------------------- */
 
 /* Parses `text` into `document`, which may hold something already: a second top-level element is
  * read and dropped, a second declaration is an error. NULL and empty text are 0 at once.
@@ -158,8 +159,8 @@ char *xmldoc_node_attr_get_value(const xmldoc_node *node, const char *name);
  *
  * What was built before the failure stays in the document, except after -32: then the document is
  * as it was before the call. Whatever is attached nowhere (a second top-level element, the element
- * under construction) is freed before the function returns; a declaration met inside such an element
- * stays, and its `parent` is NULL. Nothing is logged. */
+ * under construction) is freed before the function returns; a declaration met inside such an
+ * element stays, and its `parent` is NULL. Nothing is logged. */
 int xmldoc_parse(xmldoc *document, const char *text);
 
 /* A document read from a file. Returns NULL
@@ -168,43 +169,45 @@ int xmldoc_parse(xmldoc *document, const char *text);
  *     itself; buffer_append() says on standard error where it was for the text),
  *   - where `path` is NULL.
  *
- * The file is read in lines, of which up to 1,499 bytes count as one piece; a zero byte hides the rest
- * of its piece. A read that fails counts as the end of the file (a directory is an empty document), one
- * that is interrupted goes on.
+ * The file is read in lines, of which up to 1,499 bytes count as one piece; a zero byte hides the
+ * rest of its piece. A read that fails counts as the end of the file (a directory is an empty
+ * document), one that is interrupted goes on.
  *
- * A file that does not parse logs "failed parse file <path>", and the result is then the address of a
- * document that is freed already: not NULL, and not to be used. Only the message tells; where memory
- * ran out during the parse the result is NULL as well. A caller that must know reads the file itself
- * and calls xmldoc_parse(). Messages are warnings from "./xmldoc/xmldoc". */
+ * A file that does not parse logs "failed parse file <path>", and the result is then the address of
+ * a document that is freed already: not NULL, and not to be used. Only the message tells; where
+ * memory ran out during the parse the result is NULL as well. A caller that must know reads the
+ * file itself and calls xmldoc_parse(). Messages are warnings from "./xmldoc/xmldoc". */
 xmldoc *xmldoc_parse_file(const char *path);
 
-/* --- writer ------------------------------------------------------------------------------------ */
+/* --- writer ----------------------------------------------------------------------------------- */
 
 /* Appends the text of `node` and all below it to a byte buffer given by the addresses of its three
- * fields (all zero for a new one; `*data` is the host's to free). In front of it, where the buffer is
- * empty and the document has a declaration:
+ * fields (all zero for a new one; `*data` is the host's to free). In front of it, where the buffer
+ * is empty and the document has a declaration:
  *
  *     <?xml version="1.0" encoding="UTF-8"?>CR LF
  *     <msg id="7">text<part></part></msg>
  *
  * Names and values are written as they stand: nothing is encoded, the text is trusted. A NULL name
- * or value is written as an empty one. There is no self-closing form. Each of "<name", one attribute
- * with the space in front of it, and "</name>" is cut at 1,499 bytes; an element's value never is.
+ * or value is written as an empty one. There is no self-closing form. Each of "<name", one
+ * attribute with the space in front of it, and "</name>" is cut at 1,499 bytes; an element's value
+ * never is.
  *
  * The text is terminated behind its end. The buffer grows to (capacity + 750) * 2 bytes, again and
- * again until it fits. Returns 0; -1 where any pointer is NULL, and when memory (or 32 bits of length)
- * is out: the buffer then holds the text that it held before. */
+ * again until it fits. Returns 0; -1 where any pointer is NULL, and when memory (or 32 bits of
+ * length) is out: the buffer then holds the text that it held before. */
 int xmldoc_save(const xmldoc *document, const xmldoc_node *node, char **data, unsigned *capacity,
                 unsigned *length);
 
 /* Writes the node's text to standard output, as _xmldoc_node_dump_fd() does, and flushes it. */
 void xmldoc_node_dump(const xmldoc_node *node);
 
-/* --- internal steps ---------------------------------------------------------------------------- */
+/* --- internal steps --------------------------------------------------------------------------- */
 
 /* Writes the text of `node` and all below it to a stream: what xmldoc_save() writes, never with the
  * declaration, and with no piece cut. `depth` is not used. Does nothing where `node` or `stream` is
- * NULL. Elements more than 64 deep need memory; when it is out, the writing ends in front of them. */
+ * NULL. Elements more than 64 deep need memory; when it is out, the writing ends in front of
+ * them. */
 void _xmldoc_node_dump_fd(const xmldoc_node *node, FILE *stream, unsigned depth);
 
 /* The first character from `text` on that is no white space, at the latest the terminator. */
@@ -231,11 +234,11 @@ void _xmldoc_attr_value_normalize_s2(char *value);
  *
  * A body that only starts with one of the five names counts as that name, and as many bytes are
  * removed as the name and its ';' have ("&ampx;" becomes "&;"). A number is read as strtol() reads
- * it; one that comes to 0 ends the string, but what stands behind it is decoded all the same and can
- * still fail. Any other entity is left as it stands.
+ * it; one that comes to 0 ends the string, but what stands behind it is decoded all the same and
+ * can still fail. Any other entity is left as it stands.
  *
- * Returns 0; -2 where an '&' has no ';' behind it, -3 where more than 10 characters lie between them:
- * what is in front of that '&' is decoded then, the rest stands. A null text is -1. */
+ * Returns 0; -2 where an '&' has no ';' behind it, -3 where more than 10 characters lie between
+ * them: what is in front of that '&' is decoded then, the rest stands. A null text is -1. */
 int _xmldoc_value_escape(char *text);
 
 /* Appends `n` bytes and a terminator to a byte buffer, with xmldoc_save()'s growth. Returns 0; -1,
@@ -244,8 +247,8 @@ int _xmldoc_value_escape(char *text);
 int _xmldoc_buffer_append(char **data, unsigned *capacity, unsigned *length, const char *text,
                           int n);
 
-/* Appends formatted text, at most 1,499 bytes of it. Returns 0, or -1 as _xmldoc_buffer_append() does
- * and where the format fails. */
+/* Appends formatted text, at most 1,499 bytes of it. Returns 0, or -1 as _xmldoc_buffer_append()
+ * does and where the format fails. */
 int _xmldoc_buffer_vsprintf(char **data, unsigned *capacity, unsigned *length, const char *format,
                             ...) ZT_PRINTF_LIKE(4, 5);
 

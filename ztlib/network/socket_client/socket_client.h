@@ -112,8 +112,9 @@ int socket_client_wait(socket_client *client);
 /* Ends the connection and all three threads, releases the waiting ones and frees the client. NULL
  * is ignored. Not from a callback, whose thread it would wait for.
  *
- * While the client is trying to connect, this returns only after a connection succeeded, or no socket
- * could be made: an attempt is never given up. A mutex that cannot be destroyed is printed as above and otherwise ignored. */
+ * While the client is trying to connect, this returns only after a connection succeeded, or no
+ * socket could be made: an attempt is never given up. A mutex that cannot be destroyed is printed
+ * as above and otherwise ignored. */
 void socket_client_close(socket_client *client);
 
 /* The steps, started by socket_client_open() alone; `client` is a socket_client.

@@ -3,8 +3,8 @@
  * Each connection is a node with three routines: one reads, one writes, one releases. Somebody
  * invites a node to read or to write; the pool hands the invitation to an idle thread, which runs
  * the routine and goes back to sleep. A read routine is expected to run for its connection's whole
- * life (it loops on the socket and returns when the connection ends); a write routine drains what is
- * pending and returns. Nodes and threads are made on demand up to fixed limits and used again.
+ * life (it loops on the socket and returns when the connection ends); a write routine drains what
+ * is pending and returns. Nodes and threads are made on demand up to fixed limits and used again.
  *
  *     node     free --get_node--> taken --invite--> served --last invitation ends--> released, free
  *     thread   idle --an invitation--> serving it --> idle
@@ -37,11 +37,12 @@ enum {
 };
 
 /* Runs on a thread of the pool with the node's user pointer, none of the pool's locks held. The
- * result of a read routine is not used; a write routine that returns other than 0 finishes its node. */
+ * result of a read routine is not used; a write routine that returns other than 0 finishes its
+ * node. */
 typedef int (*netthreadpool_routine)(void *user_pointer);
 
-/* Runs once, when a node's last invitation has ended, with the node's mutex held: it must not invite
- * or send on the node, nor take a lock under which somebody else does. */
+/* Runs once, when a node's last invitation has ended, with the node's mutex held: it must not
+ * invite or send on the node, nor take a lock under which somebody else does. */
 typedef void (*netthreadpool_release_routine)(void *user_pointer);
 
 struct netthreadpool;
@@ -120,15 +121,15 @@ int netthreadpool_init(netthreadpool *pool);
 
 /* Ends a pool made by netthreadpool_create(). Does nothing unless both arguments are non-zero.
  * Otherwise it waits until every thread is idle, joins them all, frees the nodes that are still in
- * the tables (the release routine of a node that was taken and never invited is not called) and then
- * the record. Nothing of the pool is left.
+ * the tables (the release routine of a node that was taken and never invited is not called) and
+ * then the record. Nothing of the pool is left.
  *
  * First the host stops inviting and ends its connections: it makes every read and write routine
  * return, by shutting the sockets down (shutdown(socket, SHUT_RDWR); not close(), which wakes
  * nobody). If it did not, the call waits until they return; connections go on meanwhile, answer
  * and are released as ever, and nothing is freed under them. Never call it from a routine of the
- * pool: it would wait for itself. Once it was called, no other thread of the host may touch the pool
- * or its nodes.
+ * pool: it would wait for itself. Once it was called, no other thread of the host may touch the
+ * pool or its nodes.
  *
  * Storage of the caller's is ended with netthreadpool_stop() and netthreadpool_node_destroy(). */
 void netthreadpool_free(netthreadpool *pool, int free_record);
@@ -141,24 +142,24 @@ int netthreadpool_start(netthreadpool *pool);
 /* Ends the idle threads: wakes, joins and frees each. A thread that serves an invitation is not
  * stopped: it finishes its routine, goes back to the idle threads and is there for further
  * invitations, for another stop and for netthreadpool_free(). One whose routine has returned and
- * that is on its way back (it may be in its node's release routine) is waited for: once every routine
- * has returned, no thread of the pool is alive after this call. Nodes are not freed. An invitation
- * that comes later starts a new thread.
- * So the caller holds no lock that a release routine takes. Called from a release routine, it leaves
- * that thread itself alone. */
+ * that is on its way back (it may be in its node's release routine) is waited for: once every
+ * routine has returned, no thread of the pool is alive after this call. Nodes are not freed. An
+ * invitation that comes later starts a new thread.
+ * So the caller holds no lock that a release routine takes. Called from a release routine, it
+ * leaves that thread itself alone. */
 void netthreadpool_stop(netthreadpool *pool);
 
 /* An idle node, now marked busy; its user pointer is NULL (unless a host has put the node back with
- * one) and its routines are those of its last connection. The lowest free index wins; when none is free a node is made at index node_count
- * (logged as a warning: "create node idx <n>"). The caller gives it a user pointer and routines, then
- * invites it; or puts it back with netthreadpool_return_node().
- * NULL for a null pool, when memory is out, and at the limit, which is logged as an error:
- * "NETTHREADPOOL_MAX_NODES reached (10000)". */
+ * one) and its routines are those of its last connection. The lowest free index wins; when none is
+ * free a node is made at index node_count (logged as a warning: "create node idx <n>"). The caller
+ * gives it a user pointer and routines, then invites it; or puts it back with
+ * netthreadpool_return_node(). NULL for a null pool, when memory is out, and at the limit, which is
+ * logged as an error: "NETTHREADPOOL_MAX_NODES reached (10000)". */
 netthreadpool_node *netthreadpool_get_node(netthreadpool *pool);
 
-/* The same for threads: the lowest idle index, or a new thread at index thread_count ("create thread
- * idx <n>"). NULL when none can be had, and at the limit: "NETTHREADPOOL_MAX_THREADS reached (2000)".
- * For the invitations alone: nobody else can give a thread its work or put it back. */
+/* The same for threads: the lowest idle index, or a new thread at index thread_count ("create
+ * thread idx <n>"). NULL when none can be had, and at the limit: "NETTHREADPOOL_MAX_THREADS reached
+ * (2000)". For the invitations alone: nobody else can give a thread its work or put it back. */
 netthreadpool_thread *netthreadpool_get_thread(netthreadpool *pool);
 
 /* Puts a node that has no outstanding invitation back among the free ones. The pool does so itself
@@ -166,13 +167,13 @@ netthreadpool_thread *netthreadpool_get_thread(netthreadpool *pool);
  * or whose only invitation failed. User pointer and routines stay. Returns 0. */
 int netthreadpool_return_node(netthreadpool *pool, netthreadpool_node *node);
 
-/* A zeroed node with its index, pool and mutex, in no table. NULL for a null pool and when memory is
- * out (logged as a warning). */
+/* A zeroed node with its index, pool and mutex, in no table. NULL for a null pool and when memory
+ * is out (logged as a warning). */
 netthreadpool_node *netthreadpool_node_create(netthreadpool *pool, unsigned index);
 
 /* Takes the node out of its pool's tables and destroys its mutex (a failure is printed and passed
- * over); frees the record if `free_record` is non-zero. The node has no outstanding invitation and its
- * pool is still there. NULL is ignored. */
+ * over); frees the record if `free_record` is non-zero. The node has no outstanding invitation and
+ * its pool is still there. NULL is ignored. */
 void netthreadpool_node_destroy(netthreadpool_node *node, int free_record);
 
 /* A started thread with its index, in no table: asleep until it is given a node. It blocks SIGPIPE,
@@ -193,9 +194,9 @@ netthreadpool_thread *netthreadpool_thread_create(netthreadpool *pool, unsigned 
  * "netthreadpool: cannot get free tread for read" ("... for write"). After a failed invitation the
  * node is as it was before.
  *
- * The node belongs to the caller's connection: a node without outstanding invitations is released as
- * soon as one has come and gone, so invite to read before anything else, and do not invite a node
- * once its release routine may have run. */
+ * The node belongs to the caller's connection: a node without outstanding invitations is released
+ * as soon as one has come and gone, so invite to read before anything else, and do not invite a
+ * node once its release routine may have run. */
 int netthreadpool_invite_read(netthreadpool_node *node);
 int netthreadpool_invite_write(netthreadpool_node *node);
 

@@ -31,8 +31,9 @@
  * callback that blocks holds up its neighbours.
  *
  * A new node that meets a read thread in select() is watched from its next round on, at most 1
- * second later; a stop takes as long. Descriptors from FD_SETSIZE (1024) on are refused. A host that
- * closes a node's descriptor itself, before remove_cb, makes select() fail for the whole worker.
+ * second later; a stop takes as long. Descriptors from FD_SETSIZE (1024) on are refused. A host
+ * that closes a node's descriptor itself, before remove_cb, makes select() fail for the whole
+ * worker.
  *
  * Each step is traced on standard error, as stated with the functions; error lines look alike:
  *   "threadpool_read_routine: select(): <text of errno>"
@@ -168,8 +169,8 @@ void threadpool_destroy(threadpool *pool);
 threadpool_thread *threadpool_thread_create(threadpool *pool);
 
 /* Stops one worker and joins those of its threads that were started; drops the turns to come. The
- * record stays, and its nodes with it, as after threadpool_destroy(); while the pool lives it is the
- * pool's, and threadpool_start() leaves it out. A second call does nothing;
+ * record stays, and its nodes with it, as after threadpool_destroy(); while the pool lives it is
+ * the pool's, and threadpool_start() leaves it out. A second call does nothing;
  * NULL is ignored. Not from a callback of this worker. */
 void threadpool_thread_destroy(threadpool_thread *worker);
 

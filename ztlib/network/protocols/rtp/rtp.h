@@ -16,7 +16,8 @@
  * sequence alone, and reading the fields of what was received alone, so one thread may build while
  * another one reads. Nothing else is shared.
  *
- * A NULL argument: sessions are not made, pairs not opened (-1); the other functions do nothing. */
+ * A NULL argument: rtp_create_socket_pair() returns -1, the others do nothing and return 0
+ * (rtcp_wrap() has no need of its session). */
 #ifndef ZTLIB_NETWORK_PROTOCOLS_RTP_RTP_H
 #define ZTLIB_NETWORK_PROTOCOLS_RTP_RTP_H
 
