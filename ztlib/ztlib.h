@@ -41,5 +41,9 @@
 #include <ztlib/db/filedb_fixed.h>
 #include <ztlib/scheduler/sched_singlethread.h>
 #include <ztlib/scheduler/sched_task.h>
+#include <ztlib/ipc/async/async_request.h>
+#include <ztlib/ipc/async/ipc_async_reader.h>
+#include <ztlib/ipc/pipe/named_pipe.h>
+#include <ztlib/ipc/sync/requests_processor.h>
 
 #endif
