@@ -109,9 +109,10 @@ struct Expected {
         Expected& self = *static_cast<Expected*>(context);
         const std::string text =
             data && length ? std::string(static_cast<char*>(data), length) : "";
+        self.then();
+        // The test may be over, and the context gone, as soon as the call is counted.
         self.calls->add(
             {self.name, status, text, data != nullptr, length, gettid(), time(nullptr)});
-        self.then();
         return -1;  // ignored
     }
 };
@@ -512,17 +513,17 @@ TEST(AsyncRequests, AWaitThatEndsEarlyIsNoIdleness) {
 
 TEST(AsyncRequests, TheWorkerSurvivesAClockThatFails) {
     const CapturedLog log;
-    Calls calls;
-    auto requests = expected(calls, 3);
-    Manager manager;
-    for (uint32_t skip : {0, 1, 2}) {
+    for (const uint32_t skip : {0, 1}) {  // its own look at the clock, then the queue's
+        Calls calls;
+        Expected expected{0, &calls};
         FailingCall fault("clock_gettime", EPERM, skip);
-        EXPECT_EQ(process_text(manager, begin(manager, requests[skip]), 0, "x"), 0);
-        EXPECT_TRUE(calls.reach(skip + 1));
-        EXPECT_TRUE(eventually([&] { return skip > 1 || fault.hit(); }));
+        Manager manager;
+        EXPECT_TRUE(eventually([&] { return fault.hit(); }));
+        EXPECT_EQ(process_text(manager, begin(manager, expected), 0, "x"), 0);
+        EXPECT_TRUE(calls.reach(1));
     }
-    EXPECT_THAT(log.lines(), Each("WARN:queue:queue_dequeue_swait: clock_gettime()(): Operation "
-                                  "not permitted"));
+    EXPECT_THAT(log.lines(), ElementsAre("WARN:queue:queue_dequeue_swait: clock_gettime()(): "
+                                         "Operation not permitted"));
 }
 
 // --- freeing -------------------------------------------------------------------------------------

@@ -43,9 +43,15 @@ uint8_t status_of(uint64_t id) {
     return static_cast<uint8_t>(2 + id % 250);
 }
 
+#ifdef __SANITIZE_THREAD__
+constexpr size_t kRequests = 20'000;
+#else
+constexpr size_t kRequests = 100'000;
+#endif
+
 size_t request_count() {
     const char* const requests = getenv("ZT_REQUESTS");
-    return requests ? strtoul(requests, nullptr, 10) : 100'000;
+    return requests ? strtoul(requests, nullptr, 10) : kRequests;
 }
 
 // Frames as they come, in pieces of any size.
