@@ -17,6 +17,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <span>
 
 namespace {
 
@@ -24,6 +25,7 @@ constexpr const char* kModule = "./ipc/async/async_request";
 
 constexpr uint64_t kBuckets = 100;
 constexpr int32_t kIdleSeconds = 3;  // without work before the worker looks for expired requests
+constexpr size_t kBatch = 64;        // completed requests that are taken under one lock
 constexpr pthread_t kNoThread = 0;
 
 // Seconds since the epoch; the low 32 bits, as deadlines are kept.
@@ -75,15 +77,31 @@ void set_alive(async_requests_manager& manager, bool alive) {
         zt::clear_bits<uint8_t>(manager.flags, ASYNC_REQUESTS_ALIVE);
 }
 
-// Calls back and frees this request and all that are queued behind it. Once the manager is to end,
-// only frees them.
-void call_back_all(async_requests_manager& manager, async_request* request) {
-    for (; request; request = static_cast<async_request*>(queue_dequeue(&manager.completed))) {
-        if (request->callback && is_running(manager))
-            request->callback(request->context, request->status, request->data,
-                              static_cast<uint32_t>(request->data_length));
-        async_request_free(request);
-    }
+// Calls back, unless the manager is to end, and frees.
+void finish(const async_requests_manager& manager, async_request* request) {
+    if (request->callback && is_running(manager))
+        request->callback(request->context, request->status, request->data,
+                          static_cast<uint32_t>(request->data_length));
+    async_request_free(request);
+}
+
+// Moves requests from the queue's head to `batch`, under one lock. Returns how many.
+size_t take(queue& completed, std::span<async_request*> batch, zt::Site here) {
+    zt::Lock lock(completed.mutex, here);
+    size_t count = 0;
+    while (count < batch.size() && completed.head)
+        batch[count++] = static_cast<async_request*>(queue_dequeue_nl(&completed));
+    return count;
+}
+
+// Finishes all that are queued. What comes once the last batch was taken has its own signal.
+void finish_queued(async_requests_manager& manager, zt::Site here) {
+    async_request* batch[kBatch];
+    size_t count;
+    do {
+        count = take(manager.completed, batch, here);
+        for (size_t i = 0; i < count; ++i) finish(manager, batch[i]);
+    } while (count == kBatch);
 }
 
 // Completes the pending requests whose time is over, the newest first. One that cannot be queued
@@ -111,11 +129,12 @@ bool has_passed(const timespec& deadline) {
 void work_once(async_requests_manager& manager) {
     timespec idle_until;
     const bool has_clock = zt::deadline_in(kIdleSeconds, idle_until);
-    void* const first = queue_dequeue_swait(&manager.completed, kIdleSeconds);
-    if (first)
-        call_back_all(manager, static_cast<async_request*>(first));
-    else if (has_clock && has_passed(idle_until))
+    if (void* const first = queue_dequeue_swait(&manager.completed, kIdleSeconds)) {
+        finish(manager, static_cast<async_request*>(first));
+        finish_queued(manager, kWorker);
+    } else if (has_clock && has_passed(idle_until)) {
         sweep(manager);
+    }
 }
 
 void* async_requests_routine(void* argument) {
@@ -198,7 +217,7 @@ extern "C" void async_requests_manager_free(async_requests_manager* manager, int
     if (!manager) return;
     if (manager->thread != kNoThread) {
         end_worker(*manager, here);
-        call_back_all(*manager, static_cast<async_request*>(queue_dequeue(&manager->completed)));
+        finish_queued(*manager, here);
         free_queue(*manager);
         free_table(*manager);
         zt::destroy_mutex(manager->mutex, here);
