@@ -38,6 +38,11 @@
 #include <ztlib/pools/threadpool/protocols/simple_xml.h>
 #include <ztlib/pools/threadpool/threadpool.h>
 
+#include <ztlib/ipc/async/async_request.h>
+#include <ztlib/ipc/async/ipc_async_reader.h>
+#include <ztlib/ipc/pipe/named_pipe.h>
+#include <ztlib/ipc/sync/requests_processor.h>
+
 #include <ztlib/db/filedb_fixed.h>
 #include <ztlib/scheduler/sched_singlethread.h>
 #include <ztlib/scheduler/sched_task.h>

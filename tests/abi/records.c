@@ -340,6 +340,35 @@ SIZE(network_resolv, 302);
 FIELD(network_resolv, search, 0);
 FIELD(network_resolv, nameservers, 128);
 FIELD(network_resolv, nameserver_count, 298);
+SIZE(named_pipe, 568);
+FIELD(named_pipe, path, 0);
+FIELD(named_pipe, reserved, 512);
+FIELD(named_pipe, read_fd, 516);
+FIELD(named_pipe, write_fd, 520);
+FIELD(named_pipe, mutex, 528);
+
+SIZE(ipc_async_reader, 32);
+FIELD(ipc_async_reader, running, 0);
+FIELD(ipc_async_reader, thread, 8);
+FIELD(ipc_async_reader, context, 16);
+FIELD(ipc_async_reader, read_function, 24);
+
+SIZE(async_request, 48);
+FIELD(async_request, id, 0);
+FIELD(async_request, deadline, 8);
+FIELD(async_request, status, 12);
+FIELD(async_request, callback, 16);
+FIELD(async_request, context, 24);
+FIELD(async_request, data, 32);
+FIELD(async_request, data_length, 40);
+
+SIZE(async_requests_manager, 352);
+FIELD(async_requests_manager, next_id, 0);
+FIELD(async_requests_manager, thread, 8);
+FIELD(async_requests_manager, mutex, 16);
+FIELD(async_requests_manager, flags, 56);
+FIELD(async_requests_manager, pending, 64);
+FIELD(async_requests_manager, completed, 208);
 
 extern int abi_records_checked;
 int abi_records_checked;

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstddef>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace zt {
@@ -30,6 +31,20 @@ class Descriptor {
   private:
     int descriptor_;
 };
+
+constexpr int kFirstFreeDescriptor = 3;  // above the standard streams
+
+// The descriptor itself, or the same file under another number where that is 0, which records take
+// for "none". `duplicate`: F_DUPFD or F_DUPFD_CLOEXEC. Negative, with errno set, when there is no
+// number left, and for a negative one.
+inline int above_zero(int descriptor, int duplicate) {
+    if (descriptor != 0) return descriptor;
+    const int moved = fcntl(descriptor, duplicate, kFirstFreeDescriptor);
+    const int error = errno;
+    close(descriptor);
+    errno = error;
+    return moved;
+}
 
 // Reads `size` bytes, however they come and whatever signal arrives. False at the end of the file
 // and where a read fails.

@@ -22,6 +22,7 @@
 #include <ztlib/network/socket_client/socket_client.h>
 
 #include <ztlib/base/atomic.h>
+#include <ztlib/base/descriptor.h>
 #include <ztlib/base/lock.h>
 #include <ztlib/base/memory.h>
 
@@ -30,7 +31,6 @@
 #include <cstdio>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -43,7 +43,6 @@ constexpr size_t kPieceBytes = 1524;           // of one recv() or send()
 constexpr unsigned kRemovalBytes = 64 * 1024;  // fewer sent bytes are not worth moving the rest
 constexpr unsigned kRetrySeconds = 5;
 constexpr uint8_t kDataThreads = 2;
-constexpr int kFirstFreeDescriptor = 3;  // above the standard streams
 
 // No connection: what a data thread holds that left its park because the client ends.
 constexpr int kNone = -1;
@@ -108,15 +107,7 @@ void leave(socket_client& c, int fd) {
 // --- the connect thread ---
 
 // A TCP socket whose number is not 0, which means "none"; -1 with errno set.
-int make_socket() {
-    const int fd = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    if (fd != 0) return fd;
-    const int moved = fcntl(fd, F_DUPFD, kFirstFreeDescriptor);
-    const int error = errno;
-    close(fd);
-    errno = error;
-    return moved;
-}
+int make_socket() { return zt::above_zero(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP), F_DUPFD); }
 
 // Connects and stores the outcome; false with the socket still open.
 bool connect_once(socket_client& c, int fd) {
