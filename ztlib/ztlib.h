@@ -35,4 +35,6 @@
 #include <ztlib/pools/threadpool/protocols/simple_xml.h>
 #include <ztlib/pools/threadpool/threadpool.h>
 
+#include <ztlib/sutils/openssl_ca.h>
+
 #endif

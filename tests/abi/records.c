@@ -247,5 +247,18 @@ FIELD(threadpool_node, worker, 48);
 FIELD(threadpool_node, mutex, 56);
 FIELD(threadpool_node, user, 96);
 
+SIZE(openssl_ca, 120);
+FIELD(openssl_ca, directory, 0);
+FIELD(openssl_ca, private_path, 8);
+FIELD(openssl_ca, public_path, 16);
+FIELD(openssl_ca, serial_path, 24);
+FIELD(openssl_ca, serial, 32);
+FIELD(openssl_ca, ca_certificate, 40);
+FIELD(openssl_ca, store, 48);
+FIELD(openssl_ca, store_context, 56);
+FIELD(openssl_ca, private_key, 64);
+FIELD(openssl_ca, public_key, 72);
+FIELD(openssl_ca, mutex, 80);
+
 extern int abi_records_checked;
 int abi_records_checked;
