@@ -38,5 +38,6 @@
 #include <ztlib/sutils/aes256.h>
 #include <ztlib/sutils/hash.h>
 #include <ztlib/sutils/openssl_rsa.h>
+#include <ztlib/sutils/openssl_ca.h>
 
 #endif

@@ -258,6 +258,18 @@ FIELD(openssl_rsa, server_features, 40);
 FIELD(openssl_rsa, mutex, 48);
 FIELD(openssl_rsa, public_size, 88);
 FIELD(openssl_rsa, private_size, 90);
+SIZE(openssl_ca, 120);
+FIELD(openssl_ca, directory, 0);
+FIELD(openssl_ca, private_path, 8);
+FIELD(openssl_ca, public_path, 16);
+FIELD(openssl_ca, serial_path, 24);
+FIELD(openssl_ca, serial, 32);
+FIELD(openssl_ca, ca_certificate, 40);
+FIELD(openssl_ca, store, 48);
+FIELD(openssl_ca, store_context, 56);
+FIELD(openssl_ca, private_key, 64);
+FIELD(openssl_ca, public_key, 72);
+FIELD(openssl_ca, mutex, 80);
 
 extern int abi_records_checked;
 int abi_records_checked;

@@ -4,7 +4,6 @@
 #include <ztlib/sutils/openssl_pem.hpp>
 
 #include <ztlib/base/descriptor.h>
-#include <ztlib/sutils/new_file.hpp>
 
 #include <openssl/crypto.h>
 #include <openssl/pem.h>
@@ -72,11 +71,15 @@ zt::Bio zt::read_file(const char* path) {
     return copy_all(file, content) ? std::move(content) : nullptr;
 }
 
-bool zt::write_file(const char* path, mode_t mode, const Bio& content) {
+bool zt::write_content(NewFile& file, const Bio& content) {
     char* bytes = nullptr;
     const long size = BIO_get_mem_data(content.get(), &bytes);
+    return file.write(bytes, static_cast<size_t>(size));
+}
+
+bool zt::write_file(const char* path, mode_t mode, const Bio& content) {
     NewFile file(path, mode);
-    return file && file.write(bytes, static_cast<size_t>(size)) && file.put_in_place();
+    return file && write_content(file, content) && file.put_in_place();
 }
 
 int zt::no_pass_phrase(char*, int, int, void*) { return -1; }
@@ -113,9 +116,13 @@ zt::RsaKey zt::generate_rsa_key() {
     return key;
 }
 
+bool zt::wrap_rsa_key(RsaKey rsa, const Key& key) {
+    if (!rsa || !key || EVP_PKEY_assign_RSA(key.get(), rsa.get()) != 1) return false;
+    rsa.release();
+    return true;
+}
+
 zt::Key zt::wrap_rsa_key(RsaKey rsa) {
     Key key(EVP_PKEY_new());
-    if (!key || !rsa || EVP_PKEY_assign_RSA(key.get(), rsa.get()) != 1) return nullptr;
-    rsa.release();
-    return key;
+    return wrap_rsa_key(std::move(rsa), key) ? std::move(key) : nullptr;
 }

@@ -2,6 +2,7 @@
 // memory: a memory BIO cleanses its bytes when it is freed.
 #pragma once
 
+#include <ztlib/sutils/new_file.hpp>
 #include <ztlib/sutils/openssl_owned.hpp>
 
 #include <sys/types.h>
@@ -15,6 +16,9 @@ Bio memory_bio();
 // kLargestPemFile bytes, or memory is out.
 constexpr size_t kLargestPemFile = 16 << 20;
 Bio read_file(const char* path);
+
+// Adds what the memory BIO holds. False, with errno set, when it does not go in.
+bool write_content(NewFile& file, const Bio& content);
 
 // Makes the file with this content, or leaves the path as it is and returns false with errno set.
 bool write_file(const char* path, mode_t mode, const Bio& content);
@@ -35,7 +39,9 @@ Bio pem_of(const X509& certificate);
 // A new key, 4,096 bits with exponent 65537, or null. Takes seconds.
 RsaKey generate_rsa_key();
 
-// The RSA key as a general one, which then owns it. Null when memory is out.
+// Hands the RSA key over to a general one. False when memory is out, for one of the two or for
+// this.
+bool wrap_rsa_key(RsaKey rsa, const Key& key);
 Key wrap_rsa_key(RsaKey rsa);
 
 }  // namespace zt
