@@ -1,8 +1,9 @@
-// Two test programs may come here at the same time: whoever puts a key in place first has made it.
+// The generator that the library calls is this one: a program's own function comes before a shared
+// library's. Two programs may make keys at the same time: whoever puts one in place first has made
+// it.
 
 #include <tests/support/ready_keys.h>
 
-#include <tests/support/faults_internal.h>
 #include <tests/support/program.h>
 
 #include <openssl/bio.h>
@@ -15,13 +16,9 @@
 #include <cstdlib>
 #include <memory>
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-using zt_test::Verdict;
-
-extern "C" int __real_RSA_generate_key_ex(RSA*, int, BIGNUM*, BN_GENCB*);
-extern "C" int __wrap_RSA_generate_key_ex(RSA*, int, BIGNUM*, BN_GENCB*);
 
 namespace zt_test {
 
@@ -34,11 +31,17 @@ using Rsa = std::unique_ptr<RSA, decltype(&RSA_free)>;
 std::atomic<bool> hand_out{false};
 std::atomic<size_t> next_key{0};
 
+int generate_for_real(RSA* rsa, int bits, BIGNUM* exponent, BN_GENCB* progress) {
+    static auto* const generator =
+        reinterpret_cast<decltype(&RSA_generate_key_ex)>(dlsym(RTLD_NEXT, "RSA_generate_key_ex"));
+    return generator(rsa, bits, exponent, progress);
+}
+
 Rsa generate() {
     const std::unique_ptr<BIGNUM, decltype(&BN_free)> exponent(BN_new(), BN_free);
     Rsa key(RSA_new(), RSA_free);
     if (BN_set_word(exponent.get(), RSA_F4) != 1 ||
-        __real_RSA_generate_key_ex(key.get(), kBits, exponent.get(), nullptr) != 1)
+        generate_for_real(key.get(), kBits, exponent.get(), nullptr) != 1)
         abort();
     return key;
 }
@@ -69,8 +72,6 @@ bool copy_key(const RSA* from, RSA* to) {
                                copy(RSA_get0_iqmp(from))) == 1;
 }
 
-WrappedFunction generator{"RSA_generate_key_ex"};
-
 }  // namespace
 
 std::string ready_key_path(size_t n) {
@@ -96,15 +97,9 @@ size_t ReadyKeys::handed_out() const { return next_key; }
 
 }  // namespace zt_test
 
-extern "C" int __wrap_RSA_generate_key_ex(RSA* rsa, int bits, BIGNUM* exponent,
-                                          BN_GENCB* progress) {
-    int error = 0;
-    int64_t value = 0;
-    const Verdict verdict = zt_test::generator.judge(error, value);
-    if (verdict == Verdict::fail) return 0;
-    if (verdict == Verdict::fake) return static_cast<int>(value);
+extern "C" int RSA_generate_key_ex(RSA* rsa, int bits, BIGNUM* exponent, BN_GENCB* progress) {
     if (!zt_test::hand_out || bits != zt_test::kBits)
-        return __real_RSA_generate_key_ex(rsa, bits, exponent, progress);
+        return zt_test::generate_for_real(rsa, bits, exponent, progress);
     const zt_test::Rsa ready = zt_test::read_key(zt_test::next_key++);
     return ready && zt_test::copy_key(ready.get(), rsa);
 }
