@@ -12,11 +12,12 @@
 namespace zt_test {
 
 // Moves this process into a root that has all directories of the real one, but for `name`, which is
-// not there: the test makes it, and it is gone with the process. Nothing outside the process changes.
-// Returns an empty text, or the call that is not allowed here.
+// not there: the test makes it, and it is gone with the process. Nothing outside the process
+// changes. Returns an empty text, or the call that is not allowed here.
 inline std::string enter_root_without(const std::string& name) {
     namespace fs = std::filesystem;
-    const fs::path root = "/mnt";  // a place that everybody has; nobody else sees what is mounted there
+    const fs::path root =
+        "/mnt";  // a place that everybody has; nobody else sees what is mounted there
     if (unshare(CLONE_NEWNS) != 0) return "unshare()";
     if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return "mount()";
     if (mount("none", root.c_str(), "tmpfs", 0, "mode=755") != 0) return "mount()";
