@@ -42,7 +42,8 @@ EVP_PKEY* load(int number) {
     BIO* file = BIO_new_file(path.c_str(), "r");
     EVP_PKEY* key = file ? PEM_read_bio_PrivateKey(file, nullptr, nullptr, nullptr) : nullptr;
     BIO_free(file);
-    if (!key) abort();
+    // The key keeps its RSA form once it was asked for.
+    if (!key || !EVP_PKEY_get0_RSA(key)) abort();
     return key;
 }
 

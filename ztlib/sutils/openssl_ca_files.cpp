@@ -21,6 +21,8 @@
 namespace {
 
 constexpr const char* kFriendlyName = "Selvar NetClient";
+// A text of no characters and no text at all give different bundles; programs ask for the first.
+constexpr const char* kNoPassword = "";
 constexpr size_t kNumberRoom = 16;  // for a serial number's digits
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
@@ -57,7 +59,7 @@ ssize_t read_beginning(const char* path, char (&bytes)[room]) {
 // Certificate and key with the library's defaults, without a password.
 zt::Bio bundle_of(X509& certificate, EVP_PKEY& key) {
     const zt::Pkcs12 bundle(
-        PKCS12_create(nullptr, kFriendlyName, &key, &certificate, nullptr, 0, 0, 0, 0, 0));
+        PKCS12_create(kNoPassword, kFriendlyName, &key, &certificate, nullptr, 0, 0, 0, 0, 0));
     zt::Bio der = zt::memory_bio();
     if (!bundle || !der || i2d_PKCS12_bio(der.get(), bundle.get()) != 1) return nullptr;
     return der;
