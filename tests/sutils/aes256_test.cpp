@@ -390,3 +390,33 @@ TEST(Aes256, KeepsTheLengthWhenMemoryIsOut) {
         }
     }
 }
+
+// --- what OpenSSL refuses ------------------------------------------------------------------------
+
+TEST(Aes256, IsNotMadeWhereOpensslRefuses) {
+    const int64_t live = live_allocations();
+    for (const char* const call :
+         {"EVP_CIPHER_CTX_new", "EVP_EncryptInit_ex", "EVP_DecryptInit_ex"}) {
+        const FailingCall fault(call, 0);
+        EXPECT_EQ(aes256_ctx_init(kIv.data(), kKey.data()), nullptr);
+        EXPECT_TRUE(fault.hit()) << call;
+    }
+    const FailingCall second("EVP_CIPHER_CTX_new", 0, 1);
+    EXPECT_EQ(aes256_ctx_init(kIv.data(), kKey.data()), nullptr);
+    EXPECT_TRUE(second.hit());
+    EXPECT_EQ(live_allocations(), live);
+}
+
+TEST(Aes256, KeepsTheLengthWhereOpensslRefuses) {
+    const Context context = make_context();
+    const int64_t live = live_allocations();
+    for (auto* const operation : {aes256_encrypt, aes256_decrypt})
+        for (const char* const call : {"EVP_CipherInit_ex", "EVP_Cipher"}) {
+            const FailingCall fault(call, 0);
+            int length = 48;
+            EXPECT_EQ(operation(context.get(), kCipher.data(), &length), nullptr);
+            EXPECT_TRUE(fault.hit()) << call;
+            EXPECT_EQ(length, 48);
+        }
+    EXPECT_EQ(live_allocations(), live);
+}

@@ -107,9 +107,9 @@ void openssl_rsa_lock(openssl_rsa *holder);
 void openssl_rsa_unlock(openssl_rsa *holder);
 
 /* GETs /crl/2/norv-servers.crl from the host that was chosen when the library was built, port 80,
- * and writes the body over OPENSSL_RSA_REVOCATION_LIST, which is made (mode 0644) when it is missing.
- * The file is not truncated: of a longer list that was there before, the tail stays. Remove the file
- * first if that must not be.
+ * and writes the body of the answer, whatever its status, over OPENSSL_RSA_REVOCATION_LIST, which is
+ * made (mode 0644, less the process's mask) when it is missing. The file is not truncated: of a longer
+ * list that was there before, the tail stays. Remove the file first if that must not be.
  * Returns 0, also when the answer had no body or only part of one and nothing was written; -1 when
  * there was no answer, or the file cannot be opened or takes only part. */
 int openssl_rsa_update_crl(openssl_rsa *holder);
