@@ -161,6 +161,7 @@ void open_a_known_certificate(const Pair& pair, Input input) {
 // The pair's key is nobody else's, so that nothing of the fuzzer's making belongs to it, unless it
 // keeps the key.
 void open_an_unknown_certificate(const Pair& pair, const std::string& der) {
+    if (der.empty()) return;  // there is no such PEM
     const std::string pem = pem_of([&](BIO* to) {
         const auto* bytes = reinterpret_cast<const unsigned char*>(der.data());
         return PEM_write_bio(to, PEM_STRING_X509, "", bytes, static_cast<long>(der.size())) > 0;
