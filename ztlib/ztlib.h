@@ -35,6 +35,9 @@
 #include <ztlib/pools/threadpool/protocols/simple_xml.h>
 #include <ztlib/pools/threadpool/threadpool.h>
 
+#include <ztlib/sutils/aes256.h>
+#include <ztlib/sutils/hash.h>
+#include <ztlib/sutils/openssl_rsa.h>
 #include <ztlib/sutils/openssl_ca.h>
 
 #endif

@@ -247,6 +247,17 @@ FIELD(threadpool_node, worker, 48);
 FIELD(threadpool_node, mutex, 56);
 FIELD(threadpool_node, user, 96);
 
+SIZE(openssl_rsa, 96);
+FIELD(openssl_rsa, private_key, 0);
+FIELD(openssl_rsa, private_key_path, 8);
+FIELD(openssl_rsa, public_key, 16);
+FIELD(openssl_rsa, certificate_path, 24);
+FIELD(openssl_rsa, serial, 32);
+FIELD(openssl_rsa, server_id, 36);
+FIELD(openssl_rsa, server_features, 40);
+FIELD(openssl_rsa, mutex, 48);
+FIELD(openssl_rsa, public_size, 88);
+FIELD(openssl_rsa, private_size, 90);
 SIZE(openssl_ca, 120);
 FIELD(openssl_ca, directory, 0);
 FIELD(openssl_ca, private_path, 8);

@@ -75,5 +75,6 @@ extern "C" int RSA_generate_key_ex(RSA* key, int bits, BIGNUM* exponent, BN_GENC
         return real(key, bits, exponent, progress);
     }
     if (bits != 4096 || !BN_is_word(exponent, RSA_F4)) return 0;
-    return give_copy(key, EVP_PKEY_get0_RSA(zt_test::ready_key(number)));
+    const RSA* const ready = EVP_PKEY_get0_RSA(zt_test::ready_key(number));  // null: memory is out
+    return ready ? give_copy(key, ready) : 0;
 }

@@ -65,3 +65,8 @@ bool zt::NewFile::put_in_place() {
     descriptor_ = -1;
     return true;
 }
+
+// The path names the file besides its temporary name, which goes at the end.
+bool zt::NewFile::take_free_place() {
+    return fsync(descriptor_) == 0 && link(temporary_, path_) == 0;
+}

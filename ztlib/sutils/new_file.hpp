@@ -31,6 +31,8 @@ class NewFile {
     bool write(const void* bytes, size_t size);
     // The content reaches the disk before the path names it.
     bool put_in_place();
+    // The same, but false with EEXIST where something is at the path already.
+    bool take_free_place();
 
   private:
     const char* path_;

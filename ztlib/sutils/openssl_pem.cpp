@@ -3,8 +3,6 @@
 
 #include <ztlib/sutils/openssl_pem.hpp>
 
-#include <ztlib/base/descriptor.h>
-
 #include <openssl/crypto.h>
 #include <openssl/pem.h>
 
@@ -62,7 +60,10 @@ zt::Bio zt::memory_bio() {
 
 zt::Bio zt::read_file(const char* path) {
     const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
-    if (!file) return nullptr;
+    return file ? read_file(file) : nullptr;
+}
+
+zt::Bio zt::read_file(const Descriptor& file) {
     Bio content = memory_bio();
     if (!content) {
         errno = ENOMEM;
@@ -104,6 +105,13 @@ zt::Bio zt::pem_of(const EVP_PKEY& key) {
 zt::Bio zt::pem_of(const X509& certificate) {
     Bio pem = memory_bio();
     if (!pem || PEM_write_bio_X509(pem.get(), const_cast<X509*>(&certificate)) != 1) return nullptr;
+    return pem;
+}
+
+zt::Bio zt::pem_of(const X509_REQ& request) {
+    Bio pem = memory_bio();
+    if (!pem || PEM_write_bio_X509_REQ(pem.get(), const_cast<X509_REQ*>(&request)) != 1)
+        return nullptr;
     return pem;
 }
 

@@ -2,6 +2,7 @@
 // memory: a memory BIO cleanses its bytes when it is freed.
 #pragma once
 
+#include <ztlib/base/descriptor.h>
 #include <ztlib/sutils/new_file.hpp>
 #include <ztlib/sutils/openssl_owned.hpp>
 
@@ -16,6 +17,7 @@ Bio memory_bio();
 // kLargestPemFile bytes, or memory is out.
 constexpr size_t kLargestPemFile = 16 << 20;
 Bio read_file(const char* path);
+Bio read_file(const Descriptor& file);
 
 // Adds what the memory BIO holds. False, with errno set, when it does not go in.
 bool write_content(NewFile& file, const Bio& content);
@@ -35,6 +37,7 @@ RsaKey read_rsa_key(const Bio& pem);
 // The key as unencrypted PKCS#8, or null when memory is out.
 Bio pem_of(const EVP_PKEY& key);
 Bio pem_of(const X509& certificate);
+Bio pem_of(const X509_REQ& request);
 
 // A new key, 4,096 bits with exponent 65537, or null. Takes seconds.
 RsaKey generate_rsa_key();
