@@ -37,7 +37,7 @@
 
 #include <ztlib/sutils/aes256.h>
 #include <ztlib/sutils/hash.h>
-#include <ztlib/sutils/openssl_rsa.h>
 #include <ztlib/sutils/openssl_ca.h>
+#include <ztlib/sutils/openssl_rsa.h>
 
 #endif
