@@ -12,9 +12,12 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <new>
+#include <string_view>
 
+#include <malloc.h>
 #include <sys/mman.h>
 
 using namespace zt_test;
@@ -39,12 +42,25 @@ void* allocate(size_t size, const char*, int) {
     if (made) ++live_blocks;
     return made;
 }
+
+// What no released block may hold, and whether one did.
+std::string_view secret;
+std::atomic<bool> betrayed{false};
+
+void look_into(const void* memory) {
+    if (!memory || secret.empty()) return;
+    if (memmem(memory, malloc_usable_size(const_cast<void*>(memory)), secret.data(), secret.size()))
+        betrayed = true;
+}
+
 void* reallocate(void* memory, size_t size, const char*, int) {
+    look_into(memory);
     void* const made = refuse() ? nullptr : realloc(memory, size);
     if (made && !memory) ++live_blocks;
     return made;
 }
 void release(void* memory, const char*, int) {
+    look_into(memory);
     if (memory) --live_blocks;
     free(memory);
 }
@@ -185,6 +201,44 @@ TEST(OpensslMemory, IsEnoughForAPrivateKeyOrThereIsNoFile) {
                                   EXPECT_EQ(entries_of(files.path()).size(), made ? 1u : 0u);
                                   unlink(path.c_str());
                               });
+}
+
+// True when OpenSSL releases a block that holds these bytes while the work is done.
+template <class Work>
+bool betrays(std::string_view bytes, Work work) {
+    betrayed = false;
+    secret = bytes;
+    work();
+    secret = {};
+    return betrayed;
+}
+
+TEST(OpensslMemory, HoldsNoAesKeyWhenItIsReleased) {
+    const std::string key = "a key of thirty-two bytes, it is";
+    const std::string iv(AES256_IV_SIZE, 'i');
+    ASSERT_EQ(key.size(), size_t{AES256_KEY_SIZE});
+    EXPECT_FALSE(betrays(key, [&] { aes256_ctx_free(aes256_ctx_init(iv.data(), key.data())); }));
+}
+
+TEST(OpensslMemory, HoldsNoPrivateKeyWhenItIsReleased) {
+    const KeyPair pair({.key = ready_key(0)}, ready_key(0));
+    const std::string text = content_of(pair.key);
+    const std::string_view line(text.data() + text.size() / 2, 60);
+    EXPECT_FALSE(betrays(line, [&] { pair.open(); }));
+
+    const ScratchDirectory files;
+    std::string path = files / "key";
+    openssl_rsa holder{};
+    holder.private_key_path = path.data();
+    const std::string next = content_of(ready_key_path(keys_made() % kReadyKeys));
+    EXPECT_FALSE(betrays({next.data() + next.size() / 2, 60},
+                         [&] { EXPECT_EQ(openssl_rsa_create_private_key(&holder), 0); }));
+    EXPECT_EQ(content_of(path), next);
+}
+
+TEST(OpensslMemory, IsLookedIntoWhenItIsReleased) {
+    const std::string text = "a text that is nobody's secret, so it stays";
+    EXPECT_TRUE(betrays(text, [&] { OPENSSL_free(OPENSSL_strdup(text.c_str())); }));
 }
 
 // Moves the process: the last test. (Where OpenSSL cannot cache what it signs with, it signs all
