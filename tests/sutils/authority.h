@@ -59,6 +59,17 @@ inline Strings entries_of(const std::string& directory) {
     return names;
 }
 
+// A path of exactly this length, below the scratch directory, which exists up to its last name.
+inline std::string path_of_length(const ScratchDirectory& scratch, size_t length) {
+    std::string path = scratch.path();
+    while (path.size() + 101 < length) {
+        path += "/" + std::string(99, 'd');
+        mkdir(path.c_str(), 0700);
+    }
+    path += "/";
+    return path + std::string(length - path.size(), 'e');
+}
+
 inline CertificatePtr certificate_in(const std::string& path) {
     return {openssl_cert_load(path.c_str()), X509_free};
 }

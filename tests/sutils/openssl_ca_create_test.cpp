@@ -45,17 +45,6 @@ std::string log_line(const std::string& message, const char* function = "openssl
     return std::string("ERR:openssl_ca:") + function + ": " + message;
 }
 
-// A path of exactly this length, below the scratch directory, which exists up to its last name.
-std::string path_of_length(const ScratchDirectory& scratch, size_t length) {
-    std::string path = scratch.path();
-    while (path.size() + 101 < length) {
-        path += "/" + std::string(99, 'd');
-        mkdir(path.c_str(), 0700);
-    }
-    path += "/";
-    return path + std::string(length - path.size(), 'e');
-}
-
 }  // namespace
 
 // --- opening -------------------------------------------------------------------------------------
@@ -272,6 +261,9 @@ TEST(OpensslCaCreate, LogsWhatIsOutOfMemory) {
                 ElementsAre(log_line("calloc(): Cannot allocate memory")));
     EXPECT_THAT(refusal("strdup", ENOMEM),
                 ElementsAre(log_line("strdup(): Cannot allocate memory")));
+    for (const char* call : {"BIO_new", "BIO_write", "PEM_read_bio_X509"})
+        EXPECT_THAT(refusal(call, ENOMEM),
+                    ElementsAre(log_line("pem_x509(): Cannot allocate memory")));
     EXPECT_THAT(refusal("X509_STORE_new", ENOMEM),
                 ElementsAre(log_line("X509_STORE_new(): Cannot allocate memory")));
     EXPECT_THAT(refusal("EVP_PKEY_new", ENOMEM), ElementsAre(log_line("EVP_PKEY_assing error")));
@@ -431,6 +423,12 @@ TEST_F(CreateCert, NamesTheStepThatFailed) {
                                          create_cert_line("x509 req sign")));
 }
 
+TEST_F(CreateCert, WritesNoFileThatMemoryIsOutFor) {
+    EXPECT_EQ(create_without("BIO_new"), -1);
+    EXPECT_EQ(create_without("BIO_new", 1), -1);
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
 TEST_F(CreateCert, RefusesANameThatIsTooLong) {
     EXPECT_EQ(create(std::string(64, 'n').c_str()), 0);
     const std::string before = content_of(certificate);
@@ -442,7 +440,6 @@ TEST_F(CreateCert, RefusesANameThatIsTooLong) {
 TEST_F(CreateCert, WritesBothFilesOrNeither) {
     for (const char* call : {"write", "fsync", "rename"})
         for (const uint32_t skip : {0u, 1u}) EXPECT_EQ(create_without(call, skip), -1);
-    // Opened first: the random device may be, so both files are made unreachable instead.
     key = scratch / "no/key";
     EXPECT_EQ(create(), -1);
     key = scratch / "key";
@@ -450,9 +447,13 @@ TEST_F(CreateCert, WritesBothFilesOrNeither) {
     EXPECT_EQ(create(), -1);
     EXPECT_THAT(entries_of(scratch.path()), IsEmpty());
 
-    certificate = scratch / std::string(PATH_MAX, 'x');
-    EXPECT_EQ(create(), -1);
-    EXPECT_THAT(entries_of(scratch.path()), IsEmpty());
+    for (const size_t length : {size_t{NAME_MAX} + 1, size_t{PATH_MAX}}) {
+        certificate = scratch / std::string(length, 'x');
+        EXPECT_EQ(create(), -1);
+        certificate = scratch / (std::string(length, 'x') + "/certificate");
+        EXPECT_EQ(create(), -1);
+        EXPECT_THAT(entries_of(scratch.path()), IsEmpty());
+    }
 }
 
 TEST_F(CreateCert, RefusesNull) {

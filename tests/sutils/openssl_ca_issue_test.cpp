@@ -304,6 +304,21 @@ TEST(OpensslCaNew, UsesUpTheSerialOfACertificateThatFails) {
     EXPECT_EQ(serial_of(ca.issue(7, 42, std::string(64, 'n').c_str())), 1'000'002u);
 }
 
+TEST(OpensslCaNew, WritesNothingUnderAPathThatWouldBeCut) {
+    const ScratchDirectory scratch;
+    const auto serial_after_issuing = [&](size_t length) {
+        const std::string path = path_of_length(scratch, length);
+        openssl_ca* ca = openssl_ca_create(path.c_str());
+        openssl_ca_new(ca, "client", 42, 7);
+        const uint32_t serial = ca->serial;
+        EXPECT_EQ(exists(path + "/7_42_private"), serial == 1'000'001u);
+        openssl_ca_free(ca, 1);
+        return serial;
+    };
+    EXPECT_EQ(serial_after_issuing(498), 1'000'001u);  // "/7_42_private" has 13 characters
+    EXPECT_EQ(serial_after_issuing(499), 1'000'000u);
+}
+
 TEST(OpensslCaNew, IgnoresNull) {
     const ScratchAuthority ca;
     EXPECT_EQ(openssl_ca_new(nullptr, "client", 42, 7), 0);
