@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 using namespace zt_test;
+using testing::Each;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -191,6 +192,10 @@ TEST(OpensslCaCreate, NeverReplacesAKeyThatCannotBeOpened) {
     ASSERT_EQ(symlink("private", (directory / "private").c_str()), 0);
     EXPECT_THAT(directory.refusal(),
                 ElementsAre(log_line("fopen(): Too many levels of symbolic links")));
+
+    unlink((directory / "private").c_str());
+    ASSERT_EQ(symlink("not_mounted/key", (directory / "private").c_str()), 0);
+    EXPECT_THAT(directory.refusal(), ElementsAre(log_line("fopen(): No such file or directory")));
     EXPECT_EQ(keys_made(), made);
 }
 
@@ -226,7 +231,10 @@ TEST(OpensslCaCreate, LeavesNoAuthorityThatCannotNumberItsCertificates) {
 
 TEST(OpensslCaCreate, IsNotMadeInADirectoryThatCannotBe) {
     const ScratchDirectory scratch;
+    const CapturedLog log;
     EXPECT_EQ(openssl_ca_create((scratch / "no/ca").c_str()), nullptr);
+    EXPECT_THAT(log.lines(), ElementsAre(log_line("fopen(): No such file or directory",
+                                                  "openssl_ca_create_cert")));
     EXPECT_THAT(entries_of(scratch.path()), IsEmpty());
 }
 
@@ -426,7 +434,7 @@ TEST_F(CreateCert, NamesTheStepThatFailed) {
 TEST_F(CreateCert, WritesNoFileThatMemoryIsOutFor) {
     EXPECT_EQ(create_without("BIO_new"), -1);
     EXPECT_EQ(create_without("BIO_new", 1), -1);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.lines(), Each(create_cert_line("fopen(): Cannot allocate memory")));
 }
 
 TEST_F(CreateCert, RefusesANameThatIsTooLong) {
@@ -440,8 +448,10 @@ TEST_F(CreateCert, RefusesANameThatIsTooLong) {
 TEST_F(CreateCert, WritesBothFilesOrNeither) {
     for (const char* call : {"write", "fsync", "rename"})
         for (const uint32_t skip : {0u, 1u}) EXPECT_EQ(create_without(call, skip), -1);
+    EXPECT_THAT(log.lines(), Each(create_cert_line("fopen(): Cannot allocate memory")));
     key = scratch / "no/key";
     EXPECT_EQ(create(), -1);
+    EXPECT_EQ(log.lines().back(), create_cert_line("fopen(): No such file or directory"));
     key = scratch / "key";
     certificate = scratch / "no/certificate";
     EXPECT_EQ(create(), -1);
@@ -511,6 +521,7 @@ TEST_F(CreateCert, TakesTheSignersNameAndSignsWithItsOwnKey) {
               "with: 0\n"
               "/C=BG/CN=someone by /C=BG/CN=kelo, 9, signed by itself\n"
               "unsigned: -4\n");
+    EXPECT_THAT(child.err, HasSubstr(" : pem_x509(): No such file or directory\n"));
     EXPECT_THAT(child.err, HasSubstr(" : X509_sign error\n"));
     EXPECT_THAT(child.err, HasSubstr(":error:"));
 }
@@ -550,7 +561,10 @@ TEST(CreatePrivateKey, LeavesNoFileWhenItFails) {
     }
     EXPECT_EQ(openssl_ca_create_private_key(nullptr), -1);
     const CapturedStderr err;
+    const CapturedLog log;
     EXPECT_EQ(openssl_ca_create_private_key((scratch / "no/key").c_str()), -1);
+    EXPECT_THAT(log.lines(), ElementsAre(log_line("fopen(): No such file or directory",
+                                                  "openssl_ca_create_private_key")));
 }
 
 TEST(CertLoad, ReadsTheFirstCertificate) {

@@ -114,10 +114,12 @@ bool make_authority(const openssl_ca& ca, zt::Site here) {
     return false;
 }
 
-// A key that is there but cannot be opened is not taken for a missing one.
+// A key that is there but cannot be opened is not taken for a missing one, and neither is a link to
+// a place that is not mounted at the moment.
 bool make_on_first_use(const openssl_ca& ca, zt::Site here) {
     if (zt::Descriptor(open(ca.private_path, O_RDONLY | O_CLOEXEC))) return true;
-    if (errno == ENOENT) return make_authority(ca, here);
+    struct stat status;
+    if (errno == ENOENT && lstat(ca.private_path, &status) != 0) return make_authority(ca, here);
     log_call(here, "fopen");
     return false;
 }
@@ -300,7 +302,7 @@ int make_pair(Pair& pair, zt::Site here) {
 }
 
 // The key last: without it there is no authority, and the next attempt begins anew.
-int write_pair(const Pair& pair, const char* certificate_path, const char* key_path) {
+bool write_pair(const Pair& pair, const char* certificate_path, const char* key_path) {
     zt::NewFile certificate(certificate_path, zt::kPublicFile);
     zt::NewFile key(key_path, zt::kPrivateFile);
     const zt::Bio certificate_pem = zt::pem_of(*pair.certificate);
@@ -308,10 +310,12 @@ int write_pair(const Pair& pair, const char* certificate_path, const char* key_p
     if (!certificate || !key || !certificate_pem || !key_pem ||
         !zt::write_content(certificate, certificate_pem) || !zt::write_content(key, key_pem) ||
         !certificate.put_in_place())
-        return kNoKeyOrFile;
-    if (key.put_in_place()) return kMade;
+        return false;
+    if (key.put_in_place()) return true;
+    const int error = errno;
     unlink(certificate_path);
-    return kNoKeyOrFile;
+    errno = error;
+    return false;
 }
 
 }  // namespace
@@ -419,7 +423,10 @@ extern "C" int openssl_ca_create_cert(const char* key_path, const char* certific
     zt::Certificate issuer;
     if (signer_key_path) {
         issuer.reset(openssl_cert_load(kSignerCertificate));
-        if (!issuer) return kNoKeyOrFile;
+        if (!issuer) {
+            log_call(here, "pem_x509");
+            return kNoKeyOrFile;
+        }
     }
     if (!zt::fill_authority_certificate(*pair.certificate, common_name, serial, *pair.key,
                                         issuer.get())) {
@@ -427,7 +434,9 @@ extern "C" int openssl_ca_create_cert(const char* key_path, const char* certific
         if (signer_key_path) ERR_print_errors_fp(stderr);
         return kNotSigned;
     }
-    return write_pair(pair, certificate_path, key_path);
+    if (write_pair(pair, certificate_path, key_path)) return kMade;
+    log_call(here, "fopen");
+    return kNoKeyOrFile;
 }
 
 extern "C" int openssl_ca_create_private_key(const char* path) {
@@ -436,6 +445,7 @@ extern "C" int openssl_ca_create_private_key(const char* path) {
     const zt::Key key = zt::wrap_rsa_key(zt::generate_rsa_key());
     const zt::Bio pem = key ? zt::pem_of(*key) : nullptr;
     if (pem && zt::write_file(path, zt::kPrivateFile, pem)) return 0;
+    if (pem) log_call({kModule, __func__}, "fopen");
     ERR_print_errors_fp(stderr);
     unlink(path);
     return -1;

@@ -176,7 +176,8 @@ int openssl_ca_private_decrypt(openssl_ca *ca, const void *data, unsigned length
  *     0     both files are written, replacing what was there
  *     -1    the signer's key cannot be read (logged "failed to load rsa(): <text of errno>"),
  *           memory is out for a key (logged with "EVP_PK_new"), the signer's certificate cannot be
- *           read, a file cannot be written, or another argument is NULL
+ *           read (logged with "pem_x509"), a file cannot be written (logged with "fopen"), or
+ *           another argument is NULL
  *     -2    memory is out for the certificate (logged with "X509_new")
  *     -3    the signer's key cannot be kept (logged "EVP_PKEY_assing error")
  *     -4    the key cannot be made (logged "EVP assign lk fail"), or the certificate cannot be
@@ -189,8 +190,8 @@ int openssl_ca_create_cert(const char *key_path, const char *certificate_path,
                            const char *common_name, int serial, const char *signer_key_path);
 
 /* Writes a new key as unencrypted PEM PKCS#8, mode 0600, replacing what was there. Returns 0; or
- * -1, with OpenSSL's errors printed and no file at `path`: one that was there before is deleted
- * too. NULL is -1. */
+ * -1, with OpenSSL's errors printed, "fopen(): <text of errno>" logged where it is the file that
+ * cannot be written, and no file at `path`: one that was there before is deleted too. NULL is -1. */
 int openssl_ca_create_private_key(const char *path);
 
 /* The first certificate in a PEM file, to be freed with X509_free(), or NULL: the file cannot be
