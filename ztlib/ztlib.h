@@ -16,6 +16,7 @@
 #include <ztlib/buffers/net_buffer.h>
 #include <ztlib/buffers/wbuffer.h>
 #include <ztlib/utils/converters.h>
+#include <ztlib/utils/network.h>
 #include <ztlib/utils/path.h>
 #include <ztlib/utils/split.h>
 #include <ztlib/utils/uid.h>
@@ -23,10 +24,12 @@
 
 #include <ztlib/htmldoc/htmldoc.h>
 #include <ztlib/htmldoc/http.h>
+#include <ztlib/xmldoc/wxmldoc.h>
 #include <ztlib/xmldoc/xmldoc.h>
 
 #include <ztlib/network/http_client.h>
 #include <ztlib/network/lead4.h>
+#include <ztlib/network/protocols/rtp/rtp.h>
 #include <ztlib/network/socket_client/socket_client.h>
 #include <ztlib/network/socket_listener.h>
 #include <ztlib/network/websocket.h>
@@ -35,9 +38,14 @@
 #include <ztlib/pools/threadpool/protocols/simple_xml.h>
 #include <ztlib/pools/threadpool/threadpool.h>
 
+#include <ztlib/db/filedb_fixed.h>
+
 #include <ztlib/sutils/aes256.h>
 #include <ztlib/sutils/hash.h>
 #include <ztlib/sutils/openssl_ca.h>
 #include <ztlib/sutils/openssl_rsa.h>
+
+#include <ztlib/scheduler/sched_singlethread.h>
+#include <ztlib/scheduler/sched_task.h>
 
 #endif

@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <thread>
 
 #include <unistd.h>
@@ -18,5 +19,5 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     fflush(nullptr);
-    _exit(0);  // the sleeping thread is not waited for
+    quick_exit(0);  // the sleeping thread is not waited for
 }

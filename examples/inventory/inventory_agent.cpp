@@ -48,7 +48,7 @@ std::vector<Host> report(const Options& options) {
 
 void print_xml(const std::vector<Host>& hosts) {
     const Document document = hosts_answer();
-    for (const Host& host : hosts) add_host(*document, host, host.age, Interfaces::included);
+    for (const Host& host : hosts) add_host(*document, host, host.age, Detail::full);
     printf("%s\n", to_text(*document).c_str());
 }
 
@@ -121,7 +121,7 @@ Reports this host to an inventory server, or asks it for what it knows.
 
   report            report this host
   list              all hosts
-  show HOST         one host, with its interfaces
+  show HOST         one host, with its interfaces and routes
 
   --host HOST       the server's name or address (127.0.0.1)
   --port PORT       its port (7420)

@@ -10,6 +10,8 @@
 //   socket       its connection. Nobody else closes it: who wants to end a connection early shuts
 //                its socket down, which makes the routines return
 //   Entry        the hash table's values. The table never frees one: whoever takes one out does
+//   Database     the server, for as long as it runs. A report goes into the table, then to disk;
+//                answers come from the table alone
 //
 // The end, on SIGTERM or SIGINT: no longer accept, shut every socket down, wait for the releases,
 // join the pool's threads, free the hosts.
@@ -24,6 +26,7 @@
 #include <ztlib/pthread_utils.h>
 
 #include "command_line.h"
+#include "database.h"
 #include "messages.h"
 #include "network.h"
 #include "stop_signals.h"
@@ -34,6 +37,7 @@
 #include <condition_variable>
 #include <list>
 #include <mutex>
+#include <optional>
 
 #include <getopt.h>
 #include <poll.h>
@@ -95,6 +99,7 @@ struct Connection {
 
 struct Server {
     std::unique_ptr<hashtable, FreeHosts> hosts;  // name -> Entry
+    std::optional<Database> database;             // none: hosts are forgotten at the end
 
     std::mutex mutex;  // guards the connections
     std::condition_variable none_left;
@@ -102,12 +107,15 @@ struct Server {
 
     std::unique_ptr<netthreadpool, FreePool> pool;  // last: its threads use all of the above
 
-    Server()
+    // `database_path`: empty for none.
+    explicit Server(const std::string& database_path)
         : hosts(hashtable_create_ex(kBuckets, kStringKeys, HASHTABLE_RWLOCK)),
           pool(netthreadpool_create()) {
+        if (!database_path.empty()) remember(database_path);
         if (!hosts || !pool || netthreadpool_start(pool.get()) != 0)
             throw std::runtime_error("cannot start the thread pool");
     }
+    void remember(const std::string& database_path);
     ~Server();
 };
 
@@ -126,32 +134,39 @@ class HeldLock {
 // --- requests ------------------------------------------------------------------------------------
 
 // Adds an entry's host to an answer. The caller holds the table's lock.
-void add_entry(xmldoc& answer, const Entry& entry, Interfaces interfaces) {
+void add_entry(xmldoc& answer, const Entry& entry, Detail detail) {
     const auto age =
         std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - entry.reported);
-    add_host(answer, entry.host, age.count(), interfaces);
+    add_host(answer, entry.host, age.count(), detail);
 }
 
-// Puts the host into the table, in place of what it reported before.
-Document answer_report(hashtable& hosts, Host host) {
-    const std::string name = host.name;
-    auto entry = std::make_unique<Entry>(Entry{std::move(host), Clock::now()});
-    Document answer = hosts_answer();
-    add_entry(*answer, *entry, Interfaces::included);
+enum class Put { added, replaced, full };
 
-    std::unique_ptr<Entry> replaced;  // freed when nobody can look at it any more
-    {
-        // The look-up returns with the write lock held: nobody comes between it and the insert.
-        void* old = hashtable_get_rw_wl(&hosts, name.c_str());
-        const HeldLock lock(hosts);
-        if (!old && hosts.count >= kMaxHosts)
-            return error_answer("full", "the server takes no further host");
-        if (hashtable_insert_l(&hosts, name.c_str(), entry.get(), nullptr) != 0)
-            throw std::bad_alloc();
-        static_cast<void>(entry.release());  // the table's now
-        replaced.reset(static_cast<Entry*>(old));
+// Puts the host into the table, in place of what it reported before.
+Put put(hashtable& hosts, const Host& host, Clock::time_point reported) {
+    auto entry = std::make_unique<Entry>(Entry{host, reported});
+    std::unique_ptr<Entry> old;  // freed when nobody can look at it any more
+
+    // The look-up returns with the write lock held: nobody comes between it and the insert.
+    old.reset(static_cast<Entry*>(hashtable_get_rw_wl(&hosts, host.name.c_str())));
+    const HeldLock lock(hosts);
+    if (!old && hosts.count >= kMaxHosts) return Put::full;
+    if (hashtable_insert_l(&hosts, host.name.c_str(), entry.get(), nullptr) != 0) {
+        static_cast<void>(old.release());  // the table's still
+        throw std::bad_alloc();
     }
-    if (!replaced) logger_log(LOGGER_INFO, kModule, __func__, "new host: %s", name.c_str());
+    static_cast<void>(entry.release());  // the table's now
+    return old ? Put::replaced : Put::added;
+}
+
+Document answer_report(Server& server, const Host& host) {
+    Document answer = hosts_answer();
+    add_host(*answer, host, 0, Detail::full);
+    const Put result = put(*server.hosts, host, Clock::now());
+    if (result == Put::full) return error_answer("full", "the server takes no further host");
+    if (result == Put::added)
+        logger_log(LOGGER_INFO, kModule, __func__, "new host: %s", host.name.c_str());
+    if (server.database) server.database->keep(host);
     return answer;
 }
 
@@ -165,7 +180,7 @@ Document answer_list(hashtable& hosts) {
         entries.push_back(static_cast<const Entry*>(at->value));
     std::sort(entries.begin(), entries.end(),
               [](const Entry* a, const Entry* b) { return a->host.name < b->host.name; });
-    for (const Entry* entry : entries) add_entry(*answer, *entry, Interfaces::left_out);
+    for (const Entry* entry : entries) add_entry(*answer, *entry, Detail::brief);
     return answer;
 }
 
@@ -176,16 +191,16 @@ Document answer_show(hashtable& hosts, const std::string& name) {
     const void* value = hashtable_get_rw_rl(&hosts, name.c_str());
     const HeldLock lock(hosts);
     if (!value) return error_answer("no-such-host", "no host is named " + name);
-    add_entry(*answer, *static_cast<const Entry*>(value), Interfaces::included);
+    add_entry(*answer, *static_cast<const Entry*>(value), Detail::full);
     return answer;
 }
 
-Document answer_to(hashtable& hosts, const xmldoc& request) {
+Document answer_to(Server& server, const xmldoc& request) {
     try {
-        if (is_message(request, "report")) return answer_report(hosts, reported_host(request));
-        if (is_message(request, "list")) return answer_list(hosts);
+        if (is_message(request, "report")) return answer_report(server, reported_host(request));
+        if (is_message(request, "list")) return answer_list(*server.hosts);
         if (is_message(request, "show"))
-            return answer_show(hosts, text_of(request.root, "name", kMaxName));
+            return answer_show(*server.hosts, text_of(request.root, "name", kMaxName));
         return error_answer("unknown-request", "requests are report, list and show");
     } catch (const Incomplete& problem) {
         return error_answer("incomplete", problem.what());
@@ -206,7 +221,7 @@ unsigned unsent(simple_xml_proto& protocol) {
 const char* answer_request(Connection& connection, const xmldoc& request) {
     if (unsent(*connection.protocol) > kMaxUnsent) return "the peer does not read its answers";
     try {
-        const Document answer = answer_to(*connection.server.hosts, request);
+        const Document answer = answer_to(connection.server, request);
         const int result = simple_xml_proto_send(connection.protocol, answer.get());
         return result == 0 ? nullptr : "no memory for an answer";
     } catch (const std::bad_alloc&) {
@@ -280,12 +295,21 @@ Server::~Server() {
     none_left.wait(lock, [this] { return connections.empty(); });
 }
 
+// Takes what an earlier server kept, and keeps all that is reported from now on.
+void Server::remember(const std::string& database_path) {
+    for (const Host& host : database.emplace(database_path).take_hosts())
+        put(*hosts, host, Clock::now() - std::chrono::seconds(host.age));
+    logger_log(LOGGER_INFO, kModule, __func__, "%s: %u hosts", database_path.c_str(),
+               static_cast<unsigned>(hosts->count));
+}
+
 // --- the main thread -----------------------------------------------------------------------------
 
 struct Options {
     std::string bind = "127.0.0.1";
     uint16_t port = kDefaultPort;
     unsigned idle_seconds = 300;
+    std::string database;  // empty: none
 };
 
 bool is_shortage(int error) {
@@ -331,7 +355,7 @@ int accept_until_stopped(Server& server, const Descriptor& listener, const Descr
 int run(const Options& options) {
     const Descriptor signals = stop_signals();
     const Descriptor listener = listen_on(options.bind, options.port);
-    Server server;
+    Server server(options.database);
 
     const std::string address = bound_address(listener);
     logger_log(LOGGER_INFO, kModule, __func__, "listening on %s", address.c_str());
@@ -351,15 +375,20 @@ listens on once it does.
                    whoever can connect can report and ask.
   --port PORT      port to listen on (7420); 0 takes any free one
   --idle SECONDS   end a connection that is silent, or takes no answers, for so long (300)
+  --database FILE  keep the hosts in this file over a restart; it is made if it is missing
   --verbose        log to standard error, too, not only to the system log
   --help           this text
 )";
 
 Options read_options(int argc, char** argv) {
     const option known[] = {
-        {"bind", required_argument, nullptr, 'b'}, {"port", required_argument, nullptr, 'p'},
-        {"idle", required_argument, nullptr, 'i'}, {"verbose", no_argument, nullptr, 'v'},
-        {"help", no_argument, nullptr, 'h'},       {},
+        {"bind", required_argument, nullptr, 'b'},
+        {"port", required_argument, nullptr, 'p'},
+        {"idle", required_argument, nullptr, 'i'},
+        {"database", required_argument, nullptr, 'd'},
+        {"verbose", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},
+        {},
     };
     Options options;
     for (int chosen; (chosen = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
@@ -372,6 +401,9 @@ Options read_options(int argc, char** argv) {
                 break;
             case 'i':
                 options.idle_seconds = number_argument("idle", optarg, 1, 86400);
+                break;
+            case 'd':
+                options.database = optarg;
                 break;
             case 'v':
                 logger_to_stderr = 1;

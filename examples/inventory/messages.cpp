@@ -1,6 +1,7 @@
 #include "messages.h"
 
 #include <ztlib/buffers/buffer.h>
+#include <ztlib/utils/network.h>
 
 #include "text.h"
 
@@ -52,7 +53,21 @@ void add_traffic(xmldoc_node* parent, const Traffic& traffic) {
     add_number(parent, "sent", traffic.sent);
 }
 
-void fill_host(xmldoc_node* node, const Host& host, Interfaces interfaces) {
+void add_interface(xmldoc_node* parent, const Interface& interface) {
+    xmldoc_node* element = add_element(parent, "interface");
+    add_text(element, "name", interface.name);
+    add_traffic(element, interface.traffic);
+    if (!interface.mac.empty()) add_text(element, "mac", interface.mac);
+    for (const std::string& address : interface.addresses) add_text(element, "address", address);
+}
+
+void add_route(xmldoc_node* parent, const Route& route) {
+    xmldoc_node* element = add_element(parent, "route");
+    add_text(element, "destination", route.destination);
+    add_text(element, "gateway", route.gateway);
+}
+
+void fill_host(xmldoc_node* node, const Host& host, Detail detail) {
     add_text(node, "name", host.name);
     add_text(node, "system", host.system);
 
@@ -67,12 +82,9 @@ void fill_host(xmldoc_node* node, const Host& host, Interfaces interfaces) {
 
     add_traffic(add_element(node, "traffic"), host.traffic);
 
-    if (interfaces == Interfaces::left_out) return;
-    for (const Interface& interface : host.interfaces) {
-        xmldoc_node* element = add_element(node, "interface");
-        add_text(element, "name", interface.name);
-        add_traffic(element, interface.traffic);
-    }
+    if (detail == Detail::brief) return;
+    for (const Interface& interface : host.interfaces) add_interface(node, interface);
+    for (const Route& route : host.routes) add_route(node, route);
 }
 
 // --- reading -------------------------------------------------------------------------------------
@@ -110,6 +122,38 @@ Traffic traffic_of(const xmldoc_node* parent) {
     return {number_of<uint64_t>(parent, "received"), number_of<uint64_t>(parent, "sent")};
 }
 
+// Hands each child of this name to `take`.
+template <class Take>
+void for_each_child(const xmldoc_node* parent, const char* name, size_t most, Take take) {
+    size_t found = 0;
+    for (const xmldoc_node* child = parent->first_child; child; child = child->next_sibling) {
+        if (strcmp(child->name, name) != 0) continue;
+        if (found++ == most) refuse(name, "comes too often");
+        take(child);
+    }
+}
+
+// The IPv4 address that an element holds, in its usual form. A '/' and the prefix may stand behind
+// it.
+std::string address_of(const xmldoc_node* element) {
+    ipv4_address address;
+    if (ipv4_parse_addr(element->value, &address) != 0) refuse(element->name, "is no address");
+    char text[32];
+    ipv4_to_string_r(&address, strchr(element->value, '/') != nullptr, text, sizeof text);
+    return text;
+}
+
+Interface interface_of(const xmldoc_node* node) {
+    Interface interface {
+        text_of(node, "name", kMaxName), traffic_of(node), "", {}
+    };
+    if (xmldoc_node_get(node, "mac")) interface.mac = text_of(node, "mac", kMaxMac);
+    for_each_child(node, "address", kMaxAddresses, [&](const xmldoc_node* child) {
+        interface.addresses.push_back(address_of(child));
+    });
+    return interface;
+}
+
 Host host_of(const xmldoc_node* node) {
     Host host;
     host.name = text_of(node, "name", kMaxName);
@@ -125,11 +169,13 @@ Host host_of(const xmldoc_node* node) {
 
     host.traffic = traffic_of(child_of(node, "traffic"));
 
-    for (const xmldoc_node* child = node->first_child; child; child = child->next_sibling) {
-        if (strcmp(child->name, "interface") != 0) continue;
-        if (host.interfaces.size() == kMaxInterfaces) refuse("interface", "comes too often");
-        host.interfaces.push_back({text_of(child, "name", kMaxName), traffic_of(child)});
-    }
+    for_each_child(node, "interface", kMaxInterfaces, [&](const xmldoc_node* child) {
+        host.interfaces.push_back(interface_of(child));
+    });
+    for_each_child(node, "route", kMaxRoutes, [&](const xmldoc_node* child) {
+        host.routes.push_back(
+            {address_of(child_of(child, "destination")), address_of(child_of(child, "gateway"))});
+    });
     return host;
 }
 
@@ -139,7 +185,7 @@ Host host_of(const xmldoc_node* node) {
 
 Document report_request(const Host& host) {
     Document request = make_document("report");
-    fill_host(add_element(request->root, "host"), host, Interfaces::included);
+    fill_host(add_element(request->root, "host"), host, Detail::full);
     return request;
 }
 
@@ -153,10 +199,10 @@ Document show_request(std::string_view name) {
 
 Document hosts_answer() { return make_document("hosts"); }
 
-void add_host(xmldoc& answer, const Host& host, uint64_t age, Interfaces interfaces) {
+void add_host(xmldoc& answer, const Host& host, uint64_t age, Detail detail) {
     xmldoc_node* node = add_element(answer.root, "host");
     add_number(node, "age", age);
-    fill_host(node, host, interfaces);
+    fill_host(node, host, detail);
 }
 
 Document error_answer(const char* code, std::string_view message) {

@@ -10,13 +10,22 @@
 //                <load><one>0.42</one><five>0.40</five><fifteen>0.33</fifteen></load>
 //                <memory><total>8324317184</total><available>5012340736</available></memory>
 //                <traffic><received>73400320</received><sent>1048576</sent></traffic>
-//                <interface><name>eth0</name><received>73400320</received><sent>1048576</sent></interface>
+//                <interface>
+//                    <name>eth0</name>
+//                    <received>73400320</received><sent>1048576</sent>
+//                    <mac>52:54:00:12:34:56</mac>
+//                    <address>192.0.2.10/24</address>
+//                </interface>
+//                <route><destination>0.0.0.0/0</destination><gateway>192.0.2.1</gateway></route>
 //            </host></report>
 //   list     <list></list>
 //   show     <show><name>web1</name></show>
 //
+// A host has any number of interfaces and routes, an interface any number of addresses; it may lack
+// a mac.
+//
 // The answer to each of them holds the hosts asked for, a report's its own. Each has its age, the
-// seconds since it reported. A list is sorted by name and leaves the interfaces out.
+// seconds since it reported. A list is sorted by name and leaves interfaces and routes out.
 //
 //   hosts    <hosts><host><age>3</age> ... as above ... </host></hosts>
 //   error    <error><code>no-such-host</code><message>no host is named web9</message></error>
@@ -45,8 +54,11 @@ constexpr uint16_t kDefaultPort = 7420;
 // so does one host with kMaxInterfaces.
 constexpr size_t kMaxHosts = 2000;
 constexpr size_t kMaxInterfaces = 256;
+constexpr size_t kMaxAddresses = 10;  // of an interface
+constexpr size_t kMaxRoutes = 256;
 constexpr size_t kMaxName = 255;  // of a host and of an interface
 constexpr size_t kMaxSystem = 128;
+constexpr size_t kMaxMac = 127;
 constexpr size_t kMaxMessage = 512;  // of an error
 
 struct Traffic {
@@ -57,6 +69,13 @@ struct Traffic {
 struct Interface {
     std::string name;
     Traffic traffic;
+    std::string mac;                     // empty: it has none
+    std::vector<std::string> addresses;  // "192.0.2.10/24"
+};
+
+struct Route {
+    std::string destination;  // "0.0.0.0/0" for the default route
+    std::string gateway;      // "192.0.2.1"
 };
 
 struct Host {
@@ -67,6 +86,7 @@ struct Host {
     uint64_t memory_available = 0;
     Traffic traffic;  // of all interfaces but the loopback
     std::vector<Interface> interfaces;
+    std::vector<Route> routes;
     uint64_t age = 0;  // seconds since it reported; in answers
 };
 
@@ -82,9 +102,9 @@ Document report_request(const Host& host);
 Document list_request();
 Document show_request(std::string_view name);
 
-enum class Interfaces { left_out, included };
+enum class Detail { brief, full };  // without or with interfaces and routes
 Document hosts_answer();
-void add_host(xmldoc& answer, const Host& host, uint64_t age, Interfaces interfaces);
+void add_host(xmldoc& answer, const Host& host, uint64_t age, Detail detail);
 Document error_answer(const char* code, std::string_view message);
 
 // A document as text.

@@ -34,6 +34,10 @@ std::string table(const std::vector<Column>& columns, const std::vector<Row>& ro
             const std::string_view content = cell(i);
             const size_t fill = widths[i] - width(content);
             const bool right = columns[i].align == Align::right;
+            if (content.empty()) {
+                owed += fill + kGap;
+                continue;
+            }
             text.append(owed + (right ? fill : 0), ' ').append(content);
             owed = kGap + (right ? 0 : fill);
         }
@@ -68,6 +72,30 @@ std::string age_text(uint64_t seconds) {
     return std::to_string(seconds / kDay) + " d ago";
 }
 
+// An interface's first line holds what there is one of, a further one another address.
+std::string interfaces_table(const std::vector<Interface>& interfaces) {
+    std::vector<Row> rows;
+    for (const Interface& interface : interfaces) {
+        const std::vector<std::string>& addresses = interface.addresses;
+        rows.push_back({interface.name, addresses.empty() ? "" : addresses.front(), interface.mac,
+                        size_text(interface.traffic.received), size_text(interface.traffic.sent)});
+        for (size_t i = 1; i < addresses.size(); ++i)
+            rows.push_back({"", addresses[i], "", "", ""});
+    }
+    return table({{"INTERFACE", Align::left},
+                  {"ADDRESS", Align::left},
+                  {"MAC", Align::left},
+                  {"RECEIVED", Align::right},
+                  {"SENT", Align::right}},
+                 rows);
+}
+
+std::string routes_table(const std::vector<Route>& routes) {
+    std::vector<Row> rows;
+    for (const Route& route : routes) rows.push_back({route.destination, route.gateway});
+    return table({{"ROUTE", Align::left}, {"VIA", Align::left}}, rows);
+}
+
 uint64_t memory_used(const Host& host) { return host.memory_total - host.memory_available; }
 
 }  // namespace
@@ -95,14 +123,8 @@ std::string host_page(const Host& host) {
     page += "\nmemory    " + size_text(memory_used(host)) + " used of " +
             size_text(host.memory_total) + "\nreported  " + age_text(host.age) + "\n\n";
 
-    std::vector<Row> rows;
-    for (const Interface& interface : host.interfaces) {
-        rows.push_back({interface.name, size_text(interface.traffic.received),
-                        size_text(interface.traffic.sent)});
-    }
-    return page +
-           table({{"INTERFACE", Align::left}, {"RECEIVED", Align::right}, {"SENT", Align::right}},
-                 rows);
+    return page + interfaces_table(host.interfaces) +
+           (host.routes.empty() ? "" : "\n" + routes_table(host.routes));
 }
 
 std::string host_line(const Host& host) {

@@ -11,7 +11,7 @@ namespace inventory {
 // One line for each host, below a line of headings.
 std::string hosts_table(const std::vector<Host>& hosts);
 
-// All about one host, and a table of its interfaces.
+// All about one host, and tables of its interfaces and routes.
 std::string host_page(const Host& host);
 
 // One line about a host, without a line's end.

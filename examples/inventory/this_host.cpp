@@ -2,7 +2,10 @@
 
 #include "text.h"
 
+#include <ztlib/utils/network.h>
+
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -103,8 +106,40 @@ void read_interfaces(Host& host) {
             host.traffic.sent += traffic.sent;
         }
         if (host.interfaces.size() < kMaxInterfaces)
-            host.interfaces.push_back({make_plain(name, kMaxName), traffic});
+            host.interfaces.push_back({make_plain(name, kMaxName), traffic, "", {}});
     }
+}
+
+struct FreeInterfaces {
+    void operator()(network_interface** list) const { network_interfaces_free(list); }
+};
+struct FreeRoutes {
+    void operator()(network_route** list) const { network_routes_free(list); }
+};
+
+std::string text_of(const ipv4_address& address, bool with_prefix) {
+    char text[32];
+    ipv4_to_string_r(&address, with_prefix, text, sizeof text);
+    return text;
+}
+
+// What `ip` tells of the interfaces that are known by now.
+void add_addresses(Host& host) {
+    const std::unique_ptr<network_interface*[], FreeInterfaces> list(network_interfaces_list());
+    for (Interface& interface : host.interfaces) {
+        const network_interface* found =
+            _network_interface_find(list.get(), interface.name.c_str());
+        if (!found) continue;
+        interface.mac = make_plain(found->mac, kMaxMac);
+        for (int i = 0; i < found->address_count; ++i)
+            interface.addresses.push_back(text_of(found->addresses[i], true));
+    }
+}
+
+void add_routes(Host& host) {
+    const std::unique_ptr<network_route*[], FreeRoutes> list(network_routes_list());
+    for (network_route** at = list.get(); at && *at && host.routes.size() < kMaxRoutes; ++at)
+        host.routes.push_back({text_of((*at)->destination, true), text_of((*at)->gateway, false)});
 }
 
 }  // namespace
@@ -116,6 +151,8 @@ Host read_this_host() {
     read_load(host);
     read_memory(host);
     read_interfaces(host);
+    add_addresses(host);
+    add_routes(host);
     return host;
 }
 

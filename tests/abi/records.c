@@ -198,6 +198,69 @@ SIZE(xmldoc, 16);
 FIELD(xmldoc, declaration, 0);
 FIELD(xmldoc, root, 8);
 
+SIZE(rtp_session, 56);
+FIELD(rtp_session, ssrc, 0);
+FIELD(rtp_session, timestamp, 4);
+FIELD(rtp_session, initial_sequence, 8);
+FIELD(rtp_session, sequence, 12);
+FIELD(rtp_session, last_received_timestamp, 16);
+FIELD(rtp_session, last_arrival_time, 24);
+FIELD(rtp_session, last_received_timestamp_in_seconds, 32);
+FIELD(rtp_session, jitter, 40);
+FIELD(rtp_session, creation_value, 48);
+
+/* tests/network/protocols/rtp says where the bit-fields lie. */
+SIZE(rtp_header, 16);
+FIELD(rtp_header, sequence, 2);
+FIELD(rtp_header, timestamp, 4);
+FIELD(rtp_header, ssrc, 8);
+FIELD(rtp_header, first_csrc, 12);
+
+SIZE(rtcp_packet, 52);
+FIELD(rtcp_packet, length, 2);
+FIELD(rtcp_packet, sender_ssrc, 4);
+FIELD(rtcp_packet, ntp_timestamp, 8);
+FIELD(rtcp_packet, rtp_timestamp, 16);
+FIELD(rtcp_packet, sender_packet_count, 20);
+FIELD(rtcp_packet, sender_octet_count, 24);
+FIELD(rtcp_packet, report_block.ssrc, 28);
+FIELD(rtcp_packet, report_block.extended_highest_sequence_number, 36);
+FIELD(rtcp_packet, report_block.interarrival_jitter, 40);
+FIELD(rtcp_packet, report_block.last_report, 44);
+FIELD(rtcp_packet, report_block.delay_since_last_report, 48);
+
+SIZE(sched_task, 32);
+FIELD(sched_task, flags, 0);
+FIELD(sched_task, work, 8);
+FIELD(sched_task, done, 16);
+FIELD(sched_task, arg, 24);
+
+SIZE(sched_singlethread, 200);
+FIELD(sched_singlethread, thread, 0);
+FIELD(sched_singlethread, mutex, 8);
+FIELD(sched_singlethread, state, 48);
+FIELD(sched_singlethread, tasks, 56);
+SIZE(wxmldoc_attr, 32);
+FIELD(wxmldoc_attr, name, 0);
+FIELD(wxmldoc_attr, value, 8);
+FIELD(wxmldoc_attr, previous, 16);
+FIELD(wxmldoc_attr, next, 24);
+
+SIZE(wxmldoc_node, 72);
+FIELD(wxmldoc_node, name, 0);
+FIELD(wxmldoc_node, value, 8);
+FIELD(wxmldoc_node, parent, 16);
+FIELD(wxmldoc_node, first_attribute, 24);
+FIELD(wxmldoc_node, last_attribute, 32);
+FIELD(wxmldoc_node, first_child, 40);
+FIELD(wxmldoc_node, last_child, 48);
+FIELD(wxmldoc_node, previous_sibling, 56);
+FIELD(wxmldoc_node, next_sibling, 64);
+
+SIZE(wxmldoc, 16);
+FIELD(wxmldoc, declaration, 0);
+FIELD(wxmldoc, root, 8);
+
 /* Behind the last documented field follow the client's own, so only that field's place is fixed. */
 FIELD(socket_client, socket_descriptor, 0);
 FIELD(socket_client, host, 8);
@@ -270,6 +333,36 @@ FIELD(openssl_ca, store_context, 56);
 FIELD(openssl_ca, private_key, 64);
 FIELD(openssl_ca, public_key, 72);
 FIELD(openssl_ca, mutex, 80);
+SIZE(filedb_fixed, 524);
+FIELD(filedb_fixed, path, 0);
+FIELD(filedb_fixed, record_size, 512);
+FIELD(filedb_fixed, key_type, 516);
+FIELD(filedb_fixed, key_size, 520);
+
+/* Packed: these bytes are what saved files hold. */
+SIZE(ipv4_address, 17);
+FIELD(ipv4_address, address, 0);
+FIELD(ipv4_address, mask, 4);
+FIELD(ipv4_address, prefix, 8);
+FIELD(ipv4_address, reserved, 9);
+
+SIZE(network_route, 34);
+FIELD(network_route, destination, 0);
+FIELD(network_route, gateway, 17);
+
+SIZE(network_interface, 374);
+FIELD(network_interface, name, 0);
+FIELD(network_interface, link, 32);
+FIELD(network_interface, mac, 64);
+FIELD(network_interface, reserved, 192);
+FIELD(network_interface, vlan_id, 196);
+FIELD(network_interface, addresses, 200);
+FIELD(network_interface, address_count, 370);
+
+SIZE(network_resolv, 302);
+FIELD(network_resolv, search, 0);
+FIELD(network_resolv, nameservers, 128);
+FIELD(network_resolv, nameserver_count, 298);
 
 extern int abi_records_checked;
 int abi_records_checked;

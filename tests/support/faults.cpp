@@ -27,11 +27,12 @@ WrappedFunction& find(const char* name) {
     abort();
 }
 
-void plan(const char* name, bool fakes, int error, int64_t value, uint32_t skip, int64_t thread) {
+void plan(const char* name, Verdict verdict, int error, int64_t value, uint32_t skip,
+          int64_t thread = 0) {
     WrappedFunction& f = find(name);
     f.planned_error = error;
     f.planned_value = value;
-    f.fakes = fakes;
+    f.planned = verdict;
     f.only_thread = thread;
     std::atomic_ref(f.was_hit).store(false);
     std::atomic_ref(f.countdown).store(skip + 1, std::memory_order_release);
@@ -59,7 +60,7 @@ Verdict WrappedFunction::judge(int& error, int64_t& value) {
     std::atomic_ref(was_hit).store(true);
     error = planned_error;
     value = planned_value;
-    return fakes ? Verdict::fake : Verdict::fail;
+    return planned;
 }
 
 bool refuse_allocation() {
@@ -72,16 +73,22 @@ void count_allocated(int64_t blocks) { live_blocks.fetch_add(blocks, std::memory
 
 FailingCall::FailingCall(const char* function, int error, uint32_t skip, bool only_this_thread)
     : function_(function) {
-    plan(function, false, error, 0, skip, only_this_thread ? this_thread() : 0);
+    plan(function, Verdict::fail, error, 0, skip, only_this_thread ? this_thread() : 0);
 }
 FailingCall::~FailingCall() { cancel(function_); }
 bool FailingCall::hit() const { return hit_in(function_); }
 
 FakedCall::FakedCall(const char* function, int64_t value, uint32_t skip) : function_(function) {
-    plan(function, true, 0, value, skip, 0);
+    plan(function, Verdict::fake, 0, value, skip);
 }
 FakedCall::~FakedCall() { cancel(function_); }
 bool FakedCall::hit() const { return hit_in(function_); }
+
+ShortCall::ShortCall(const char* function, size_t bytes, uint32_t skip) : function_(function) {
+    plan(function, Verdict::shorten, 0, static_cast<int64_t>(bytes), skip);
+}
+ShortCall::~ShortCall() { cancel(function_); }
+bool ShortCall::hit() const { return hit_in(function_); }
 
 int64_t live_allocations() { return live_blocks.load(); }
 

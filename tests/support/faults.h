@@ -22,6 +22,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
 
 namespace zt_test {
@@ -52,6 +53,20 @@ class FakedCall {
     ~FakedCall();
     FakedCall(const FakedCall&) = delete;
     FakedCall& operator=(const FakedCall&) = delete;
+
+    bool hit() const;
+
+  private:
+    const char* function_;
+};
+
+// Makes the next call of `read` or `write` transfer at most `bytes`.
+class ShortCall {
+  public:
+    explicit ShortCall(const char* function, size_t bytes, uint32_t skip = 0);
+    ~ShortCall();
+    ShortCall(const ShortCall&) = delete;
+    ShortCall& operator=(const ShortCall&) = delete;
 
     bool hit() const;
 

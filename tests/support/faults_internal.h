@@ -5,7 +5,7 @@
 
 namespace zt_test {
 
-enum class Verdict { pass, fail, fake };
+enum class Verdict { pass, fail, fake, shorten };
 
 // One wrapped function: what a test has asked of its next calls.
 struct WrappedFunction {
@@ -14,14 +14,14 @@ struct WrappedFunction {
 
     explicit WrappedFunction(const char* function_name);
 
-    // Decides about one call. On `fail` `error` is set, on `fake` `value`.
+    // Decides about one call. On `fail` `error` is set, else `value`.
     Verdict judge(int& error, int64_t& value);
 
     uint64_t calls = 0;  // the fields below are read and written atomically
     uint32_t countdown = 0;
     int planned_error = 0;
     int64_t planned_value = 0;
-    bool fakes = false;
+    Verdict planned = Verdict::pass;
     bool was_hit = false;
     int64_t only_thread = 0;
 };

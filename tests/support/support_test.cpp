@@ -66,6 +66,27 @@ TEST(FailingCall, FailsTheChosenCallAndNoOther) {
     pthread_mutex_destroy(&mutex);
 }
 
+TEST(ShortCall, CutsTheChosenTransferShort) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    char bytes[8] = {};
+    {
+        ShortCall shorter("write", 3, 1);
+        EXPECT_EQ(write(ends[1], "abcd", 4), 4);
+        EXPECT_FALSE(shorter.hit());
+        EXPECT_EQ(write(ends[1], "efgh", 4), 3);
+        EXPECT_TRUE(shorter.hit());
+    }
+    {
+        ShortCall shorter("read", 2);
+        EXPECT_EQ(read(ends[0], bytes, sizeof bytes), 2);
+    }
+    EXPECT_EQ(read(ends[0], bytes + 2, sizeof bytes - 2), 5);
+    EXPECT_STREQ(bytes, "abcdefg");
+    close(ends[0]);
+    close(ends[1]);
+}
+
 TEST(CapturedStderr, HoldsWhatWasWrittenSinceTheLastLook) {
     CapturedStderr captured;
     fputs("one", stderr);

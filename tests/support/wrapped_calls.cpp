@@ -13,6 +13,7 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -27,10 +28,14 @@
 #include <netdb.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <spawn.h>
+#include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 using zt_test::Verdict;
 using zt_test::WrappedFunction;
@@ -61,6 +66,7 @@ Result as_result(int64_t value) {
             case Verdict::fake:                            \
                 return as_result<result>(value);           \
             case Verdict::pass:                            \
+            case Verdict::shorten:                         \
                 break;                                     \
         }                                                  \
         return __real_##name arguments;                    \
@@ -79,9 +85,31 @@ Result as_result(int64_t value) {
             case Verdict::fake:                       \
                 return static_cast<int>(value);       \
             case Verdict::pass:                       \
+            case Verdict::shorten:                    \
                 break;                                \
         }                                             \
         return __real_##name arguments;               \
+    }
+
+#define TRANSFER(name, bytes_type)                                                             \
+    extern "C" ssize_t __real_##name(int file, bytes_type bytes, size_t size);                 \
+    extern "C" ssize_t __wrap_##name(int file, bytes_type bytes, size_t size);                 \
+    static WrappedFunction wrapped_##name{#name};                                              \
+    extern "C" ssize_t __wrap_##name(int file, bytes_type bytes, size_t size) {                \
+        int error = 0;                                                                         \
+        int64_t value = 0;                                                                     \
+        switch (wrapped_##name.judge(error, value)) {                                          \
+            case Verdict::fail:                                                                \
+                errno = error;                                                                 \
+                return -1;                                                                     \
+            case Verdict::fake:                                                                \
+                return value;                                                                  \
+            case Verdict::shorten:                                                             \
+                return __real_##name(file, bytes, std::min(size, static_cast<size_t>(value))); \
+            case Verdict::pass:                                                                \
+                break;                                                                         \
+        }                                                                                      \
+        return __real_##name(file, bytes, size);                                               \
     }
 
 namespace {

@@ -4,9 +4,7 @@
 //
 //     it always holds `capacity` characters, and always the text and its terminator
 //
-// A count that wrapped around 0 can't be indexed with. It is recognised by being larger than any
-// array can be, and taken for what it stands for: a wrapped length for no text, a wrapped capacity
-// for no room.
+// A count that wrapped around 0 is told from others in wide_count.hpp.
 
 #include <ztlib/buffers/wbuffer.h>
 
@@ -14,6 +12,7 @@
 #include <ztlib/base/memory.h>
 #include <ztlib/utils/converters.h>
 #include <ztlib/buffers/format_estimate.hpp>
+#include <ztlib/buffers/wide_count.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -22,15 +21,12 @@
 
 namespace {
 
+using zt::has_wrapped;
+using zt::text_length;
+
 constexpr const char* kModule = "./buffers/wbuffer";
 
-constexpr uint64_t kMostCharacters = PTRDIFF_MAX / sizeof(wchar_t);
-
-bool has_wrapped(uint64_t count) { return count > kMostCharacters; }
-
 uint64_t with_sign(int n) { return static_cast<uint64_t>(int64_t{n}); }
-
-uint64_t text_length(const wbuffer& b) { return has_wrapped(b.length) ? 0 : b.length; }
 
 void terminate(wbuffer& b) { b.data[text_length(b)] = L'\0'; }
 

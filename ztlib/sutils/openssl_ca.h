@@ -191,7 +191,8 @@ int openssl_ca_create_cert(const char *key_path, const char *certificate_path,
 
 /* Writes a new key as unencrypted PEM PKCS#8, mode 0600, replacing what was there. Returns 0; or
  * -1, with OpenSSL's errors printed, "fopen(): <text of errno>" logged where it is the file that
- * cannot be written, and no file at `path`: one that was there before is deleted too. NULL is -1. */
+ * cannot be written, and no file at `path`: one that was there before is deleted too. NULL gives
+ * -1. */
 int openssl_ca_create_private_key(const char *path);
 
 /* The first certificate in a PEM file, to be freed with X509_free(), or NULL: the file cannot be

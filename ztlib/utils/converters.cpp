@@ -7,13 +7,13 @@
 
 #include <ztlib/base/failure.h>
 #include <ztlib/base/memory.h>
+#include <ztlib/base/network_order.h>
 #include <ztlib/base/stderr_block.h>
 #include <ztlib/utils/hex.hpp>
 #include <ztlib/utils/vectors.hpp>
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -56,26 +56,14 @@ unsigned char read_pair(const char* pair) {
 // --- integers in network order -------------------------------------------------------------------
 
 template <class Integer>
-Integer network_order(Integer value) {
-    if constexpr (std::endian::native == std::endian::big) return value;
-    if constexpr (sizeof(Integer) == 2) return __builtin_bswap16(value);
-    if constexpr (sizeof(Integer) == 4) return __builtin_bswap32(value);
-    if constexpr (sizeof(Integer) == 8) return __builtin_bswap64(value);
-}
-
-template <class Integer>
 Integer read_network_order(const void* bytes, int start) {
     if (!bytes) return 0;
-    Integer value;
-    memcpy(&value, static_cast<const char*>(bytes) + start, sizeof value);
-    return network_order(value);
+    return zt::read_network_order<Integer>(static_cast<const char*>(bytes) + start);
 }
 
 template <class Integer>
 void write_network_order(Integer value, void* destination) {
-    if (!destination) return;
-    value = network_order(value);
-    memcpy(destination, &value, sizeof value);
+    if (destination) zt::write_network_order(value, destination);
 }
 
 // --- decimal -------------------------------------------------------------------------------------

@@ -2,17 +2,26 @@
 #pragma once
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
+#include <memory>
 
 namespace zt::xml {
 
-// The next line, its end included, or as much of it as fits; always terminated. False at the end of
-// the file, and where reading fails. What fgets() does, except that an interrupted read is taken up
-// again where it was: fgets() would drop the part of the line that it has.
-template <size_t room>
-bool read_line(FILE* file, char (&line)[room]) {
+struct CloseFile {
+    void operator()(FILE* file) const { fclose(file); }
+};
+using OwnedFile = std::unique_ptr<FILE, CloseFile>;
+
+constexpr size_t kLineRoom = 1500;  // of one read from a file, terminator included
+
+// Reads the next line, its end included, or as much of it as the room takes; it is terminated. How
+// many bytes it has: 0 at the end of the file, and where reading fails. What fgets() does, except
+// that an interrupted read is taken up again where it was: fgets() would drop the part of the line
+// that it has.
+inline size_t read_line(FILE* file, char* line) {
     size_t length = 0;
-    while (length < room - 1) {
+    while (length < kLineRoom - 1) {
         const int c = getc_unlocked(file);
         if (c != EOF) {
             line[length++] = static_cast<char>(c);
@@ -24,7 +33,7 @@ bool read_line(FILE* file, char (&line)[room]) {
         }
     }
     line[length] = '\0';
-    return length > 0;
+    return length;
 }
 
 }  // namespace zt::xml

@@ -6,8 +6,12 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
+#include <cwchar>
 
 namespace zt::xml {
+
+// --- lists --------------------------------------------------------------------------------------
 
 template <class Node, class Attribute>
 void append_attribute(Node& node, Attribute* attribute) {
@@ -24,6 +28,32 @@ void append_child(Node& parent, Node* child) {
     (parent.last_child ? parent.last_child->next_sibling : parent.first_child) = child;
     parent.last_child = child;
 }
+
+// Whether a name, which a record made by hand may lack, is this one.
+inline bool is_named(const char* name, const char* wanted) {
+    return name && strcmp(name, wanted) == 0;
+}
+inline bool is_named(const wchar_t* name, const wchar_t* wanted) {
+    return name && wcscmp(name, wanted) == 0;
+}
+
+// The first child with this name, or null.
+template <class Node, class Char>
+Node* child_named(const Node& node, const Char* name) {
+    Node* child = node.first_child;
+    while (child && !is_named(child->name, name)) child = child->next_sibling;
+    return child;
+}
+
+// The first attribute with this name, or null.
+template <class Node, class Char>
+auto* attribute_named(const Node& node, const Char* name) {
+    auto* attribute = node.first_attribute;
+    while (attribute && !is_named(attribute->name, name)) attribute = attribute->next;
+    return attribute;
+}
+
+// --- freeing ------------------------------------------------------------------------------------
 
 template <class Attribute>
 void free_attribute(Attribute* attribute) {
@@ -82,6 +112,17 @@ void free_tree(Node* top) {
     }
     free_single(reached_before);
 }
+
+// Frees what a document holds; the record stays.
+template <class Document>
+void free_trees(Document& document) {
+    if (document.root) free_tree(document.root);
+    document.root = nullptr;
+    if (document.declaration) free_tree(document.declaration);
+    document.declaration = nullptr;
+}
+
+// --- walking ------------------------------------------------------------------------------------
 
 // The nodes from the top down to where a walk is. Shallow trees need no memory.
 template <class Node>

@@ -33,7 +33,6 @@ constexpr const char* kModule = "./xmldoc/xmldoc";
 constexpr size_t kFormatRoom = 1500;  // of one formatted piece, its terminator included
 constexpr size_t kPieceLimit = kFormatRoom - 1;
 constexpr size_t kGrowthSlack = 750;
-constexpr size_t kLineRoom = 1500;  // of one read from a file, terminator included
 
 struct Narrow {
     using Char = char;
@@ -53,13 +52,8 @@ struct FreeDocument {
 struct FreeAttribute {
     void operator()(xmldoc_attr* attribute) const { zt::xml::free_attribute(attribute); }
 };
-struct CloseFile {
-    void operator()(FILE* file) const { fclose(file); }
-};
 using OwnedDocument = std::unique_ptr<xmldoc, FreeDocument>;
 using OwnedAttribute = std::unique_ptr<xmldoc_attr, FreeAttribute>;
-
-bool same(const char* a, const char* b) { return a && strcmp(a, b) == 0; }
 
 std::string_view text_of(const char* text) { return text ? std::string_view(text) : ""; }
 
@@ -204,9 +198,9 @@ bool read_lines(FILE* file, Owned<char>& text) {
     char* data = nullptr;
     unsigned capacity = 0;
     unsigned length = 0;
-    char line[kLineRoom];
+    char line[zt::xml::kLineRoom];
     bool held = true;
-    while (held && zt::xml::read_line(file, line))
+    while (held && zt::xml::read_line(file, line) > 0)
         held = buffer_append(&data, &capacity, &length, line, static_cast<int>(strlen(line)));
     text.reset(data);
     return held;
@@ -237,10 +231,7 @@ extern "C" int xmldoc_init(xmldoc* document) {
 
 extern "C" void xmldoc_free(xmldoc* document, int free_record) {
     if (!document) return;
-    xmldoc_free_node(document->root);
-    document->root = nullptr;
-    xmldoc_free_node(document->declaration);
-    document->declaration = nullptr;
+    zt::xml::free_trees(*document);
     if (free_record) free(document);
 }
 
@@ -285,10 +276,7 @@ extern "C" void xmldoc_node_remove_child(xmldoc_node* parent, xmldoc_node* child
 }
 
 extern "C" xmldoc_node* xmldoc_node_get(const xmldoc_node* node, const char* name) {
-    if (!node || !name) return nullptr;
-    xmldoc_node* child = node->first_child;
-    while (child && !same(child->name, name)) child = child->next_sibling;
-    return child;
+    return node && name ? zt::xml::child_named(*node, name) : nullptr;
 }
 
 extern "C" char* xmldoc_node_get_value(const xmldoc_node* node, const char* name) {
@@ -315,10 +303,7 @@ extern "C" void xmldoc_node_attr_addval(xmldoc_node* node, const char* name, con
 }
 
 extern "C" xmldoc_attr* xmldoc_node_attr_get(const xmldoc_node* node, const char* name) {
-    if (!node || !name) return nullptr;
-    xmldoc_attr* attribute = node->first_attribute;
-    while (attribute && !same(attribute->name, name)) attribute = attribute->next;
-    return attribute;
+    return node && name ? zt::xml::attribute_named(*node, name) : nullptr;
 }
 
 extern "C" char* xmldoc_node_attr_get_value(const xmldoc_node* node, const char* name) {
@@ -338,7 +323,7 @@ extern "C" xmldoc* xmldoc_parse_file(const char* path) {
     const zt::Site here{kModule, __func__};
     if (!path) return nullptr;
 
-    const std::unique_ptr<FILE, CloseFile> file(fopen(path, "r"));
+    const zt::xml::OwnedFile file(fopen(path, "r"));
     if (!file) {
         zt::report_call(here, "fopen()");
         return nullptr;
