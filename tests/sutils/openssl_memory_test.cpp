@@ -27,6 +27,7 @@ namespace {
 // The first of an operation's allocations are all refused in turn, of the others some.
 constexpr uint32_t kAllOf = 300;
 constexpr uint32_t kStride = 97;
+constexpr uint32_t kCoarseStride = 31;
 
 thread_local uint32_t until_refusal = 0;  // 0: none is refused
 thread_local bool refused = false;
@@ -82,11 +83,14 @@ using Operation = std::function<bool()>;
 // Whether OpenSSL itself gives back all that it took.
 enum class Losses { none, of_openssl };
 
+// Whether the first allocations are all refused, or some of all.
+enum class Sampling { fine, coarse };
+
 // Runs the operation with allocations refused in turn, in a child. `check` looks at what a round
 // left behind.
 void run_while_memory_runs_out(
     const Operation& operation, const std::function<void(bool)>& check = [](bool) {},
-    Losses losses = Losses::none) {
+    Losses losses = Losses::none, Sampling sampling = Sampling::fine) {
     void* const shared =
         mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     auto* const progress = new (shared) Progress;
@@ -104,8 +108,12 @@ void run_while_memory_runs_out(
             EXPECT_TRUE(succeeded || refused) << "fails with memory enough";
             return refused;
         };
+        const bool is_fine = sampling == Sampling::fine;
         const auto all_rounds = [&] {
-            for (uint32_t n = 1; one_round(n); n += n < kAllOf ? 1 : kStride) ++progress->rounds;
+            for (uint32_t n = 1; one_round(n); n += !is_fine     ? kCoarseStride
+                                                    : n < kAllOf ? 1
+                                                                 : kStride)
+                ++progress->rounds;
         };
         EXPECT_TRUE(operation());
         check(true);
@@ -158,11 +166,14 @@ TEST(OpensslMemory, IsEnoughToOpenAKeyPairOrThereIsNoHolder) {
 TEST(OpensslMemory, LetsNoWrongPairIn) {
     const KeyPair pair({.key = short_key(1)}), without({.features = {}});
     for (const KeyPair* wrong : {&pair, &without})
-        run_while_memory_runs_out([&] {
-            openssl_rsa* holder = openssl_rsa_open(wrong->key.c_str(), wrong->certificate.c_str());
-            EXPECT_EQ(holder, nullptr);
-            return !refused;
-        });
+        run_while_memory_runs_out(
+            [&] {
+                openssl_rsa* holder =
+                    openssl_rsa_open(wrong->key.c_str(), wrong->certificate.c_str());
+                EXPECT_EQ(holder, nullptr);
+                return !refused;
+            },
+            [](bool) {}, Losses::none, Sampling::coarse);
 }
 
 TEST(OpensslMemory, IsEnoughToEncryptOrThereIsNoCiphertext) {
