@@ -44,6 +44,12 @@
 #include <ztlib/ipc/sync/requests_processor.h>
 
 #include <ztlib/db/filedb_fixed.h>
+
+#include <ztlib/sutils/aes256.h>
+#include <ztlib/sutils/hash.h>
+#include <ztlib/sutils/openssl_ca.h>
+#include <ztlib/sutils/openssl_rsa.h>
+
 #include <ztlib/scheduler/sched_singlethread.h>
 #include <ztlib/scheduler/sched_task.h>
 

@@ -4,9 +4,14 @@
 #include <tests/support/capture.h>
 #include <tests/support/faults_internal.h>
 
+#include <openssl/evp.h>
+#include <openssl/objects.h>
 #include <openssl/pem.h>
+#include <openssl/pkcs12.h>
+#include <openssl/rsa.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 
 #include <algorithm>
 #include <cerrno>

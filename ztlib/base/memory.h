@@ -14,6 +14,15 @@ struct Free {
     void operator()(void* memory) const { free(memory); }
 };
 
+// Releases what is owned with this function: std::unique_ptr<BIO, ReleaseWith<BIO_free>>.
+template <auto release>
+struct ReleaseWith {
+    template <class T>
+    void operator()(T* owned) const {
+        release(owned);
+    }
+};
+
 // Owns one block until release().
 template <class T>
 using Owned = std::unique_ptr<T, Free>;

@@ -7,6 +7,7 @@
 
 #include <ztlib/network/http_client.h>
 
+#include <ztlib/base/memory.h>
 #include <ztlib/base/sigpipe.h>
 #include <ztlib/utils/converters.h>
 #include <ztlib/network/https_trust.hpp>
@@ -43,13 +44,7 @@ constexpr size_t kSubjectRoom = 256;  // for a certificate's name
 
 // --- owners --------------------------------------------------------------------------------------
 
-template <auto release>
-struct ReleaseWith {
-    template <class T>
-    void operator()(T* owned) const {
-        release(owned);
-    }
-};
+using zt::ReleaseWith;
 
 using Addresses = std::unique_ptr<addrinfo, ReleaseWith<freeaddrinfo>>;
 using Document = std::unique_ptr<htmldoc, ReleaseWith<html_request_free>>;
