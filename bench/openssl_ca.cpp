@@ -21,6 +21,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <numeric>
 #include <string>
@@ -176,13 +177,17 @@ class Bare {
     uint32_t serial_ = 1'000'000;
 };
 
-// --- one authority for all -----------------------------------------------------------------------
+// --- an authority for each benchmark
+// -----------------------------------------------------------------------
+
+const unsigned char kPlain[kText] = "text";
 
 struct World {
     std::string directory;
     openssl_ca* ca;
-    Bare* bare;
+    std::unique_ptr<Bare> bare;
     std::vector<X509*> certificates;  // one for each thread
+    std::string cipher;
 
     World() {
         directory = std::filesystem::exists("/dev/shm") ? "/dev/shm" : "/tmp";
@@ -194,14 +199,17 @@ struct World {
             openssl_ca_new(ca, "client", id, 7);
             certificates.push_back(load(7, id));
         }
-        bare = new Bare(*ca);
+        bare = std::make_unique<Bare>(*ca);
+        encrypt();
         check();
     }
-    static World& instance() {
-        static World world;
-        return world;
+    ~World() {
+        for (X509* certificate : certificates) X509_free(certificate);
+        openssl_ca_free(ca, 1);
+        std::filesystem::remove_all(directory);
     }
-    ~World() { std::filesystem::remove_all(directory); }
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
 
     X509* load(uint64_t domain, uint64_t id) const {
         return openssl_cert_load(
@@ -210,6 +218,13 @@ struct World {
     }
 
   private:
+    void encrypt() {
+        unsigned char* out;
+        unsigned length;
+        if (openssl_ca_public_encrypt(ca, kPlain, kText, &out, &length) != 0) abort();
+        cipher.assign(reinterpret_cast<char*>(out), length);
+        free(out);
+    }
     // The peer's certificates are ours, and it says of ours what we say of its.
     void check() {
         bare->issue("client", 1, 9);
@@ -231,36 +246,35 @@ std::vector<size_t> processors(size_t threads) {
     return all;
 }
 
-// `work(thread)` is done so many times by each thread.
+// `work(world, thread)` is done so many times by each thread.
 template <class Work>
 void run(benchmark::State& state, size_t threads, int times, Work work) {
-    World::instance();
+    const World world;
     zt_bench::Crew crew(processors(threads));
     for (auto _ : state)
         state.SetIterationTime(crew.time([&](size_t thread) {
-            for (int i = 0; i < times; i++) work(thread);
+            for (int i = 0; i < times; i++) work(world, thread);
         }));
 }
 
 void issue_ours(benchmark::State& state, size_t threads) {
-    run(state, threads, kIssues,
-        [](size_t thread) { openssl_ca_new(World::instance().ca, "client", 10 + thread, 7); });
+    run(state, threads, kIssues, [](const World& world, size_t thread) {
+        openssl_ca_new(world.ca, "client", 10 + thread, 7);
+    });
 }
 void issue_bare(benchmark::State& state, size_t threads) {
     run(state, threads, kIssues,
-        [](size_t thread) { World::instance().bare->issue("client", 10 + thread, 8); });
+        [](const World& world, size_t thread) { world.bare->issue("client", 10 + thread, 8); });
 }
 
 void verify_ours(benchmark::State& state, size_t threads) {
-    run(state, threads, kVerifies, [](size_t thread) {
-        World& world = World::instance();
+    run(state, threads, kVerifies, [](const World& world, size_t thread) {
         uint64_t domain, id;
         if (openssl_ca_verify(world.ca, world.certificates[thread], &domain, &id) != 0) abort();
     });
 }
 void verify_bare(benchmark::State& state, size_t threads) {
-    run(state, threads, kVerifies, [](size_t thread) {
-        World& world = World::instance();
+    run(state, threads, kVerifies, [](const World& world, size_t thread) {
         uint64_t domain, id;
         if (world.bare->verify(world.certificates[thread], domain, id) != 0) abort();
     });
@@ -268,33 +282,24 @@ void verify_bare(benchmark::State& state, size_t threads) {
 
 // --- encryption ----------------------------------------------------------------------------------
 
-const unsigned char kPlain[kText] = "text";
-
-const std::string& cipher() {
-    static const std::string made = [] {
-        unsigned char* out;
-        unsigned length;
-        openssl_ca_public_encrypt(World::instance().ca, kPlain, kText, &out, &length);
-        std::string text(reinterpret_cast<char*>(out), length);
-        free(out);
-        return text;
-    }();
-    return made;
+const unsigned char* bytes_of(const std::string& text) {
+    return reinterpret_cast<const unsigned char*>(text.data());
 }
 
 void encrypt_ours(benchmark::State& state) {
-    run(state, 1, kEncryptions, [ca = World::instance().ca](size_t) {
+    run(state, 1, kEncryptions, [](const World& world, size_t) {
         unsigned char* out;
         unsigned length;
-        if (openssl_ca_public_encrypt(ca, kPlain, kText, &out, &length) != 0) abort();
+        if (openssl_ca_public_encrypt(world.ca, kPlain, kText, &out, &length) != 0) abort();
         free(out);
     });
 }
 void decrypt_ours(benchmark::State& state) {
-    run(state, 1, kDecryptions, [ca = World::instance().ca, &text = cipher()](size_t) {
+    run(state, 1, kDecryptions, [](const World& world, size_t) {
         unsigned char* out;
         unsigned length;
-        if (openssl_ca_private_decrypt(ca, text.data(), static_cast<unsigned>(text.size()), &out,
+        if (openssl_ca_private_decrypt(world.ca, world.cipher.data(),
+                                       static_cast<unsigned>(world.cipher.size()), &out,
                                        &length) != 0)
             abort();
         free(out);
@@ -314,16 +319,15 @@ void general(EVP_PKEY* key, const unsigned char* text, size_t length) {
     free(out);
 }
 void encrypt_general(benchmark::State& state) {
-    run(state, 1, kEncryptions, [key = World::instance().ca->public_key](size_t) {
-        general<EVP_PKEY_encrypt_init, EVP_PKEY_encrypt>(key, kPlain, kText);
+    run(state, 1, kEncryptions, [](const World& world, size_t) {
+        general<EVP_PKEY_encrypt_init, EVP_PKEY_encrypt>(world.ca->public_key, kPlain, kText);
     });
 }
 void decrypt_general(benchmark::State& state) {
-    run(state, 1, kDecryptions,
-        [key = World::instance().ca->private_key, &text = cipher()](size_t) {
-            general<EVP_PKEY_decrypt_init, EVP_PKEY_decrypt>(
-                key, reinterpret_cast<const unsigned char*>(text.data()), text.size());
-        });
+    run(state, 1, kDecryptions, [](const World& world, size_t) {
+        general<EVP_PKEY_decrypt_init, EVP_PKEY_decrypt>(
+            world.ca->private_key, bytes_of(world.cipher), world.cipher.size());
+    });
 }
 
 // RSA's own, which is what ours is made of.
@@ -336,16 +340,15 @@ void direct(EVP_PKEY* key, const unsigned char* text, size_t length) {
     RSA_free(rsa);
 }
 void encrypt_direct(benchmark::State& state) {
-    run(state, 1, kEncryptions, [key = World::instance().ca->public_key](size_t) {
-        direct<RSA_public_encrypt>(key, kPlain, kText);
+    run(state, 1, kEncryptions, [](const World& world, size_t) {
+        direct<RSA_public_encrypt>(world.ca->public_key, kPlain, kText);
     });
 }
 void decrypt_direct(benchmark::State& state) {
-    run(state, 1, kDecryptions,
-        [key = World::instance().ca->private_key, &text = cipher()](size_t) {
-            direct<RSA_private_decrypt>(key, reinterpret_cast<const unsigned char*>(text.data()),
-                                        text.size());
-        });
+    run(state, 1, kDecryptions, [](const World& world, size_t) {
+        direct<RSA_private_decrypt>(world.ca->private_key, bytes_of(world.cipher),
+                                    world.cipher.size());
+    });
 }
 
 const bool registered = [] {
