@@ -4,6 +4,8 @@
 #include <tests/support/faults.h>
 #include <tests/support/process.h>
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <string>
 #include <thread>
@@ -22,13 +24,18 @@ class Leftovers {
         blocks_ = live_allocations();
     }
 
-    bool none() const {
-        return eventually([this] {
-            // A thread that was joined just before this was made may have been counted in its last
-            // moments.
-            return thread_count() <= threads_ && descriptor_count() == descriptors_ &&
-                   live_allocations() == blocks_;
-        });
+    testing::AssertionResult none() const {
+        // A thread that was joined just before this was made may have been counted in its last
+        // moments.
+        if (eventually([this] {
+                return thread_count() <= threads_ && descriptor_count() == descriptors_ &&
+                       live_allocations() == blocks_;
+            }))
+            return testing::AssertionSuccess();
+        return testing::AssertionFailure()
+               << "threads " << threads_ << ", now " << thread_count() << "; descriptors "
+               << descriptors_ << ", now " << descriptor_count() << "; blocks " << blocks_
+               << ", now " << live_allocations();
     }
 
   private:
