@@ -24,8 +24,9 @@
  * 10, and a text ends at the latest with its field: a damaged file harms nothing.
  *
  * Thread safety: nothing is shared between calls but ipv4_to_string()'s buffer, and the host. Each
- * function waits for the `ip` processes that it starts. A process that ignores SIGCHLD, or whose
- * handler waits for any child, takes the results of commands away (-1); lists are complete all the
+ * function waits for the `ip` processes that it starts; while a change runs, SIGCHLD is blocked in
+ * the calling thread. A process that ignores SIGCHLD, or another thread of which waits for any child
+ * (in a SIGCHLD handler, say), takes the results of commands away (-1); lists are complete all the
  * same. */
 #ifndef ZTLIB_UTILS_NETWORK_H
 #define ZTLIB_UTILS_NETWORK_H
