@@ -27,7 +27,7 @@
  *
  * Thread safety: nothing is shared between calls but ipv4_to_string()'s buffer, and the host. Each
  * function waits for the `ip` processes that it starts; while a change runs, SIGCHLD is blocked in
- * the calling thread. A process that ignores SIGCHLD, or another thread of which waits for any child
+ * the calling thread. A process that ignores SIGCHLD, or in which another thread waits for any child
  * (in a SIGCHLD handler, say), takes the results of commands away (-1); lists are complete all the
  * same. */
 #ifndef ZTLIB_UTILS_NETWORK_H
@@ -64,9 +64,8 @@ typedef struct network_route {
     ipv4_address gateway; /* prefix 32 */
 } __attribute__((packed)) network_route;
 
-/* What `ip` says of a link and of its addresses, and no more: states, broadcast addresses, scopes,
- * labels and lifetimes are not kept, nor is the other end of an address that has a peer (10.5.0.1
- * peer 10.5.0.2/32 is listed as 10.5.0.1/32). */
+/* A link and its IPv4 addresses. Nothing else is known of either: no state, no broadcast address,
+ * scope, label or lifetime, and no peer ("10.5.0.1 peer 10.5.0.2/32" is listed as 10.5.0.1/32). */
 typedef struct network_interface {
     char name[NETWORK_NAME_SIZE];
     char link[NETWORK_NAME_SIZE]; /* what `ip` prints behind the '@': a VLAN's parent; "" for none */
