@@ -5,7 +5,7 @@
 namespace netcfg {
 namespace {
 
-std::string name_of(const network_interface& iface) { return text_of(iface.name); }
+std::string plain_name(const network_interface& iface) { return plain(text_of(iface.name)); }
 
 bool holds(const network_interface& iface, const ipv4_address& address) {
     const std::vector<ipv4_address> held = addresses_of(iface);
@@ -16,7 +16,8 @@ bool holds(const network_interface& iface, const ipv4_address& address) {
 
 std::string address_command(const char* verb, const ipv4_address& address,
                             const network_interface& iface) {
-    return std::string("ip addr ") + verb + " " + text_of(address, true) + " dev " + name_of(iface);
+    return std::string("ip addr ") + verb + " " + text_of(address, true) + " dev " +
+           plain_name(iface);
 }
 
 std::string route_command(const char* verb, const network_route& route) {
@@ -31,24 +32,25 @@ void add_removals(const network_interface& current, const network_interface* des
             if (!holds(*desired, address))
                 commands.push_back(address_command("del", address, current));
     } else if (current.vlan_id != 0) {
-        commands.push_back("ip link delete " + name_of(current));
+        commands.push_back("ip link delete " + plain_name(current));
     } else {
-        commands.push_back("ip addr flush dev " + name_of(current));
+        commands.push_back("ip addr flush dev " + plain_name(current));
     }
 }
 
 void add_additions(const network_interface* current, const network_interface& desired,
                    Commands& commands) {
     if (!current && desired.vlan_id != 0)
-        commands.push_back("ip link add link " + text_of(desired.link) + " name " +
-                           name_of(desired) + " type vlan id " + std::to_string(desired.vlan_id));
+        commands.push_back("ip link add link " + plain(text_of(desired.link)) + " name " +
+                           plain_name(desired) + " type vlan id " +
+                           std::to_string(desired.vlan_id));
     for (const ipv4_address& address : addresses_of(desired))
         if (!current || !holds(*current, address))
             commands.push_back(address_command("add", address, desired));
 }
 
 network_interface* find(network_interface** list, const network_interface& iface) {
-    return _network_interface_find(list, name_of(iface).c_str());
+    return _network_interface_find(list, text_of(iface.name).c_str());
 }
 
 bool contains(network_route** list, const network_route& route) {
@@ -64,7 +66,7 @@ Commands interface_commands(network_interface** current, network_interface** des
     for (network_interface** c = current; *c; ++c) add_removals(**c, find(desired, **c), commands);
     for (network_interface** d = desired; *d; ++d) {
         add_additions(find(current, **d), **d, commands);
-        commands.push_back("ip link set dev " + name_of(**d) + " up");
+        commands.push_back("ip link set dev " + plain_name(**d) + " up");
     }
     return commands;
 }
@@ -108,6 +110,12 @@ Commands missing(network_route** current, network_route** desired) {
 std::string text_of(const ipv4_address& address, bool with_prefix) {
     char text[IPV4_TEXT_SIZE];
     ipv4_to_string_r(&address, with_prefix, text, sizeof text);
+    return text;
+}
+
+std::string plain(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
     return text;
 }
 

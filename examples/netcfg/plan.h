@@ -9,6 +9,7 @@
 
 namespace netcfg {
 
+// Commands as they are shown: with plain names.
 using Commands = std::vector<std::string>;
 
 Commands interface_commands(network_interface** current, network_interface** desired);
@@ -28,6 +29,10 @@ std::string text_of(const char (&field)[Size]) {
     const std::string all(field, Size);
     return all.substr(0, all.find('\0'));
 }
+
+// The text with '?' for control characters. Names and search lists are other people's: none of them
+// moves the cursor.
+std::string plain(std::string text);
 
 // Those of an interface's addresses that are in use.
 std::vector<ipv4_address> addresses_of(const network_interface& iface);

@@ -12,13 +12,6 @@ using Row = std::vector<std::string>;
 
 constexpr size_t kGap = 2;  // blanks between two columns
 
-// Names and search lists are other people's: none of them moves the cursor.
-std::string plain(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
-    return text;
-}
-
 // Every column is as wide as its widest cell; no line ends in blanks.
 std::string table(const std::vector<Row>& rows) {
     std::vector<size_t> widths(rows.front().size());

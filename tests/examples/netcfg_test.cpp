@@ -189,6 +189,36 @@ TEST(Netcfg, ShowsNamesWithoutControlCharacters) {
     EXPECT_THAT(netcfg({"show"}).out, HasSubstr("\ne?[2J\n"));
 }
 
+TEST(Netcfg, ShowsSavedNamesWithoutControlCharacters) {
+    Host ip;
+    ScratchDirectory scratch;
+    const std::string name = scratch / "host";
+    ip.set("links", "e\033[2J - 0 -\nv\033[3J e\033[2J 5 -\n");
+    ip.set("addresses", "e\033[2J 10.1.2.3/24\n");
+    ip.set("routes", "");
+    ASSERT_EQ(netcfg({"save", name}).status, 0);
+    EXPECT_EQ(content_of(name + ".interfaces").substr(0, 5), "e\033[2J");
+
+    const Result same = netcfg({"apply", name, "--dry-run"});
+    EXPECT_THAT(lines_of(same.out),
+                ElementsAre("ip link set dev e?[2J up", "ip link set dev v?[3J up"))
+        << "names are compared as they are";
+
+    // A host that no command changes.
+    ip.answer("link list", "1: x\033[4J: <UP>\n");
+    ip.answer("addr list dev x\033[4J", "    inet 10.8.0.1/24\n");
+    const Strings commands = {"ip addr flush dev x?[4J", "ip addr add 10.1.2.3/24 dev e?[2J",
+                              "ip link add link e?[2J name v?[3J type vlan id 5"};
+    const Result planned = netcfg({"apply", name, "--dry-run"});
+    EXPECT_EQ(planned.out.find('\033'), std::string::npos);
+    const Result applied = netcfg({"apply", name, "--yes"});
+    EXPECT_EQ(applied.status, 1);
+    for (const std::string& command : commands) {
+        EXPECT_THAT(planned.out, HasSubstr(command + "\n"));
+        EXPECT_THAT(applied.err, HasSubstr("not done: " + command + "\n"));
+    }
+}
+
 TEST(Netcfg, ExplainsItself) {
     const Result help = netcfg({"--help"});
     EXPECT_EQ(help.status, 0);

@@ -10,7 +10,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <string>
+
+#include <sys/stat.h>
 
 using namespace zt_test;
 using testing::Contains;
@@ -138,6 +141,30 @@ TEST(NetworkFiles, AreEmptiedWhereTheyCannotBeRemoved) {
     network_routes_save(path.c_str(), nullptr);
     EXPECT_TRUE(fault.hit());
     EXPECT_EQ(content_of(path), kSavedRoutes);
+}
+
+TEST(NetworkFiles, ArePutInThePlaceThatACutPathNames) {
+    constexpr size_t kLongestPath = 511;
+    ScratchDirectory scratch;
+    std::string directory = scratch.path();
+    while (directory.size() < kLongestPath - 200) {
+        directory += "/" + std::string(100, 'd');
+        ASSERT_EQ(mkdir(directory.c_str(), 0755), 0);
+    }
+    const std::string cut = directory + "/" + std::string(kLongestPath - directory.size() - 1, 'f');
+    const std::string path = cut + "long";
+    std::ofstream(path) << "another's";
+    const network_route route = route_of("10.7.0.0/16", "10.1.2.1");
+    Wanted<network_route> routes{route};
+    Wanted<network_interface> interfaces{interface_of("eth0")};
+    for (int i = 0; i < 2; ++i) {
+        network_interfaces_save(path.c_str(), interfaces.list());
+        EXPECT_EQ(content_of(cut).size(), kInterfaceSize);
+        network_routes_save(path.c_str(), routes.list());
+        EXPECT_EQ(content_of(cut).size(), kRouteSize);
+    }
+    EXPECT_THAT(loaded_routes(path), SizeIs(1));
+    EXPECT_EQ(content_of(path), "another's");
 }
 
 TEST(NetworkFiles, OfAnEmptyListAreEmpty) {

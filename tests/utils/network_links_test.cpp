@@ -202,7 +202,7 @@ TEST(Links, OfAHostWithoutIpAreNone) {
 
 TEST(Links, AreNoneWhereIpCannotBeStartedOrItsOutputRead) {
     Host ip;
-    for (const char* call : {"memfd_create", "posix_spawnp", "lseek"}) {
+    for (const char* call : {"posix_spawnp", "lseek"}) {
         const Leftovers leftovers;
         FailingCall fault(call, EAGAIN);
         EXPECT_THAT(listed_interfaces(), IsEmpty()) << call;
@@ -210,6 +210,18 @@ TEST(Links, AreNoneWhereIpCannotBeStartedOrItsOutputRead) {
         EXPECT_TRUE(leftovers.none());
     }
     EXPECT_THAT(ip.calls(), ElementsAre("[link][list]"));
+}
+
+TEST(Links, AreListedWhereNoFileCanBeMadeInMemory) {
+    for (uint32_t command = 0; command < 6; ++command) {
+        Host ip;
+        const Strings expected = listed_interfaces();
+        const Leftovers leftovers;
+        FailingCall fault("memfd_create", EPERM, command);
+        EXPECT_EQ(listed_interfaces(), expected);
+        EXPECT_TRUE(fault.hit());
+        EXPECT_TRUE(leftovers.none());
+    }
 }
 
 TEST(Links, LackWhatALaterCommandWouldSay) {

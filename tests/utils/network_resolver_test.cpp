@@ -100,6 +100,20 @@ TEST(Resolver, CountsNameServersThatCannotBeRead) {
               "|0.0.0.0/0 0.0.0.0/0 0.0.0.0/0 192.0.2.2/32 0.0.0.0/0");
 }
 
+TEST(Resolver, TakesAllThatStandsBehindTheFirstSpace) {
+    EXPECT_EQ(text_of(*loaded("search  a\tb  # c \n"
+                              "search\td\n"
+                              "search\te f\n"
+                              "nameserver 192.0.2.1 # a comment\n"
+                              "nameserver \t192.0.2.2\n")),
+              " a\tb  # c |0.0.0.0/0 0.0.0.0/0");
+}
+
+TEST(Resolver, SavesNameServersThatCannotBeReadAsZeros) {
+    EXPECT_EQ(saved(*loaded("nameserver fd00::1\nnameserver 192.0.2.1\n")),
+              std::string(kBanner) + "nameserver 0.0.0.0\nnameserver 192.0.2.1\n");
+}
+
 TEST(Resolver, KeepsTheFirst10NameServers) {
     std::string content;
     for (int i = 1; i <= 12; ++i) content += "nameserver 192.0.2." + std::to_string(i) + "\n";

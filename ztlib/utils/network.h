@@ -13,6 +13,8 @@
  *
  *     ip addr add 10.1.2.3/24 dev eth0
  *
+ * A name is printed as it is, so that its control characters reach standard error.
+ *
  * Commands that change routes and those that read are not printed. What `ip` itself says goes to
  * the process's standard error and, for changes, standard output.
  *
@@ -24,8 +26,9 @@
  * 10, and a text ends at the latest with its field: a damaged file harms nothing.
  *
  * Thread safety: nothing is shared between calls but ipv4_to_string()'s buffer, and the host. Each
- * function waits for the `ip` processes that it starts. A process that ignores SIGCHLD, or whose
- * handler waits for any child, takes the results of commands away (-1); lists are complete all the
+ * function waits for the `ip` processes that it starts; while a change runs, SIGCHLD is blocked in
+ * the calling thread. A process that ignores SIGCHLD, or in which another thread waits for any child
+ * (in a SIGCHLD handler, say), takes the results of commands away (-1); lists are complete all the
  * same. */
 #ifndef ZTLIB_UTILS_NETWORK_H
 #define ZTLIB_UTILS_NETWORK_H
@@ -54,12 +57,15 @@ typedef struct ipv4_address {
 
 /* A route through a gateway. The default route's destination is 0.0.0.0/0, its mask 0. Nothing else
  * is known of a route: a host that has one with a metric and is brought to the list that it gave
- * itself may end up with a second one, without. */
+ * itself may end up with a second one, without. Routes through several gateways ("nexthop via"
+ * lines) are not listed. */
 typedef struct network_route {
     ipv4_address destination;
     ipv4_address gateway; /* prefix 32 */
 } __attribute__((packed)) network_route;
 
+/* A link and its IPv4 addresses. Nothing else is known of either: no state, no broadcast address,
+ * scope, label or lifetime, and no peer ("10.5.0.1 peer 10.5.0.2/32" is listed as 10.5.0.1/32). */
 typedef struct network_interface {
     char name[NETWORK_NAME_SIZE];
     char link[NETWORK_NAME_SIZE]; /* what `ip` prints behind the '@': a VLAN's parent; "" for none */
@@ -234,9 +240,10 @@ network_route **network_routes_load(const char *path);
 /* --- resolver ---------------------------------------------------------------------------------- */
 
 /* Reads /etc/resolv.conf: the last "search" line, cut at 127 characters, and the first 10
- * "nameserver" lines. A name server that is no IPv4 address counts, and is 0.0.0.0. Keyword and value
- * are divided by the first blank; lines without one, those that begin with '#', and other keywords
- * are skipped.
+ * "nameserver" lines. A name server that is no IPv4 address (an IPv6 one, say) counts, and is
+ * 0.0.0.0: saved, it is the line "nameserver 0.0.0.0". The keyword ends at the first space, and all
+ * that stands behind it is the value; a tab is part of either. Lines without a space, those that
+ * begin with '#', and other keywords are skipped.
  * Returns a record to be released with free(), or NULL when the file does not open (logged as
  * "fopen(): <text of errno>") or memory is out (logged as "calloc(): <text of errno>"). */
 network_resolv *network_resolv_load(void);

@@ -25,8 +25,7 @@ filedb_fixed database_at(const char* path) {
 }
 
 template <class Record>
-void write(const char* path, Record** list) {
-    const auto db = database_at<Record>(path);
+void write(const filedb_fixed& db, Record** list) {
     // Where this fails, each insertion opens the file, and reports, for itself.
     const int fd = filedb_fixed_fdopen(&db);
     for (uint32_t i = 0; list[i]; ++i) filedb_fixed_insert(&db, fd, &i, list[i]);
@@ -44,9 +43,10 @@ void remove_or_empty(const char* path) {
 template <class Record>
 void save(const char* path, Record** list, Record** (*current)(), void (*release)(Record**)) {
     if (!path) return;
-    remove_or_empty(path);
+    const auto db = database_at<Record>(path);
+    remove_or_empty(db.path);  // not `path`, of which the database opens no more than it can hold
     Record** const listed = list ? nullptr : current();
-    if (list || listed) write(path, list ? list : listed);
+    if (list || listed) write(db, list ? list : listed);
     release(listed);
 }
 
