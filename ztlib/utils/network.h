@@ -5,8 +5,8 @@
  *     /etc/resolv.conf                            <->  resolver
  *
  * The host is read from the output of the `ip` tool of iproute2 and changed by running it. `ip` is
- * looked for along PATH and started directly, never through a shell: a name with a blank, a quote or
- * a semicolon is one word to `ip` and nothing else. Changes need root (CAP_NET_ADMIN).
+ * looked for along PATH and started directly, never through a shell: a name with a blank, a quote
+ * or a semicolon is one word to `ip` and nothing else. Changes need root (CAP_NET_ADMIN).
  *
  * Commands that change interfaces are printed to standard error, one line each, just before they
  * run:
@@ -27,9 +27,9 @@
  *
  * Thread safety: nothing is shared between calls but ipv4_to_string()'s buffer, and the host. Each
  * function waits for the `ip` processes that it starts; while a change runs, SIGCHLD is blocked in
- * the calling thread. A process that ignores SIGCHLD, or in which another thread waits for any child
- * (in a SIGCHLD handler, say), takes the results of commands away (-1); lists are complete all the
- * same. */
+ * the calling thread. A process that ignores SIGCHLD, or in which another thread waits for any
+ * child (in a SIGCHLD handler, say), takes the results of commands away (-1); lists are complete
+ * all the same. */
 #ifndef ZTLIB_UTILS_NETWORK_H
 #define ZTLIB_UTILS_NETWORK_H
 
@@ -82,19 +82,19 @@ typedef struct network_resolv {
     int32_t nameserver_count;         /* of nameservers */
 } __attribute__((packed)) network_resolv;
 
-/* --- addresses --------------------------------------------------------------------------------- */
+/* --- addresses -------------------------------------------------------------------------------- */
 
 /* A zeroed address, to be released with free(); NULL when memory is out. */
 ipv4_address *ipv4_address_create(void);
 
 /* Reads a dotted address into *out: alone ("10.1.2.3", prefix 32), with a prefix ("10.1.2.3/24") or
  * with a mask ("10.1.2.3/255.255.255.0"). What stands behind the last '/' is a mask if it is a
- * dotted address; else it is read like atoi() does, so that "24x" is 24, and kept in 8 bits, so that
- * "280" is 24 too.
+ * dotted address; else it is read like atoi() does, so that "24x" is 24, and kept in 8 bits, so
+ * that "280" is 24 too.
  *
- * `mask` becomes, for a dotted mask, its four bytes as they stand in network order, and `prefix` the
- * number of its one bits, wherever they are; else all ones shifted left by the prefix modulo 32: for
- * /24 it is 0xFF000000, for /32 and /0 all ones.
+ * `mask` becomes, for a dotted mask, its four bytes as they stand in network order, and `prefix`
+ * the number of its one bits, wherever they are; else all ones shifted left by the prefix modulo
+ * 32: for /24 it is 0xFF000000, for /32 and /0 all ones.
  *
  * Returns 0, or
  *     -1  no address, 130 characters or more, or NULL
@@ -104,12 +104,12 @@ ipv4_address *ipv4_address_create(void);
  * holds what was read by then. */
 int ipv4_parse_addr(const char *text, ipv4_address *out);
 
-/* Writes "10.1.2.3/24" when bit 0 of `with_prefix` is set, else "10.1.2.3", cut to `size` bytes with
- * its end. Returns 0. */
+/* Writes "10.1.2.3/24" when bit 0 of `with_prefix` is set, else "10.1.2.3", cut to `size` bytes
+ * with its end. Returns 0. */
 int ipv4_to_string_r(const ipv4_address *address, int with_prefix, char *buffer, unsigned size);
 
-/* The same in a static buffer, which the next call overwrites, whatever thread makes it. Returns the
- * buffer; NULL for NULL. */
+/* The same in a static buffer, which the next call overwrites, whatever thread makes it. Returns
+ * the buffer; NULL for NULL. */
 char *ipv4_to_string(const ipv4_address *address, int with_prefix);
 
 /* 1 when the top `prefix` bits of both numbers agree, or `prefix` is 0; else 0. A prefix above 32
@@ -124,10 +124,11 @@ int ipv4_address_in_network(uint32_t address, uint32_t network, uint32_t prefix)
  * The signs of the last two rows go opposite ways. */
 int ipv4_compare(const ipv4_address *a, const ipv4_address *b);
 
-/* 0 when destination and gateway are equal, or both routes NULL; 1 when only `a` is NULL; else -1. */
+/* 0 when destination and gateway are equal, or both routes NULL; 1 when only `a` is NULL; else
+ * -1. */
 int ipv4_route_cmp(const network_route *a, const network_route *b);
 
-/* --- reading the host -------------------------------------------------------------------------- */
+/* --- reading the host ------------------------------------------------------------------------- */
 
 /* The routes through a gateway that `ip route` lists, in its order; those to connected networks are
  * left out, and so is a line whose destination or gateway is no IPv4 address. Without `ip` the list
@@ -137,12 +138,12 @@ int ipv4_route_cmp(const network_route *a, const network_route *b);
  *     network_routes_list: realloc(): <text of errno> */
 network_route **network_routes_list(void);
 
-/* The first 32 links of `ip link list`, in its order, each with its first 10 IPv4 addresses. Without
- * `ip` the list is empty. NULL when memory is out.
+/* The first 32 links of `ip link list`, in its order, each with its first 10 IPv4 addresses.
+ * Without `ip` the list is empty. NULL when memory is out.
  *
- * A link that `ip` prints with an '@' has a parent; the number behind the first "id " in its details
- * is its VLAN id. So a veth pair's ends are each other's `link`, with VLAN id 0, unless its peer is
- * in another network namespace: then "link-netnsid 1" makes 1 its VLAN id. */
+ * A link that `ip` prints with an '@' has a parent; the number behind the first "id " in its
+ * details is its VLAN id. So a veth pair's ends are each other's `link`, with VLAN id 0, unless its
+ * peer is in another network namespace: then "link-netnsid 1" makes 1 its VLAN id. */
 network_interface **network_interfaces_list(void);
 
 /* Release a list with its records. NULL is ignored. */
@@ -219,25 +220,25 @@ int network_routes_apply(network_route **desired);
 
 /* --- saved files -------------------------------------------------------------------------------
  *
- * A file is a database of <ztlib/db/filedb_fixed.h> with a key of 4 bytes: the records in the list's
- * order and nothing else, 374 bytes for each interface, 34 for each route. Paths are cut at 511
- * characters, as there, and failures are logged as there. */
+ * A file is a database of <ztlib/db/filedb_fixed.h> with a key of 4 bytes: the records in the
+ * list's order and nothing else, 374 bytes for each interface, 34 for each route. Paths are cut at
+ * 511 characters, as there, and failures are logged as there. */
 
 /* Write `list`, or the host's current one where it is NULL, in place of the file, which is removed
  * first or, where that fails, emptied. 0 is returned whatever happens: after a failure or a crash
  * there is no file, or one that lacks records or ends within one. The record at place i, counted
- * from 0, is left out when one before it begins with the 4-byte number i: behind a route to 0.0.0.5,
- * the one at place 5. */
+ * from 0, is left out when one before it begins with the 4-byte number i: behind a route to
+ * 0.0.0.5, the one at place 5. */
 int network_interfaces_save(const char *path, network_interface **list);
 int network_routes_save(const char *path, network_route **list);
 
-/* The records of a file, as they are. A missing file gives an empty list, and is made; a damaged one
- * gives the records before the damage. NULL when the first allocation fails, or for NULL; when a
- * later allocation fails, the list ends there. */
+/* The records of a file, as they are. A missing file gives an empty list, and is made; a damaged
+ * one gives the records before the damage. NULL when the first allocation fails, or for NULL; when
+ * a later allocation fails, the list ends there. */
 network_interface **network_interfaces_load(const char *path);
 network_route **network_routes_load(const char *path);
 
-/* --- resolver ---------------------------------------------------------------------------------- */
+/* --- resolver --------------------------------------------------------------------------------- */
 
 /* Reads /etc/resolv.conf: the last "search" line, cut at 127 characters, and the first 10
  * "nameserver" lines. A name server that is no IPv4 address (an IPv6 one, say) counts, and is
