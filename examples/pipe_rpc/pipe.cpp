@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -37,6 +39,14 @@ Pipe open_pipe(const std::string& path, int side) {
     if (!pipe) fail(path);
     return pipe;
 }
+
+Turn::Turn(const std::string& path) {
+    const std::string name = path + "_lock";
+    lock_ = open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kOwnersAlone);
+    if (lock_ < 0 || flock(lock_, LOCK_EX) != 0) fail(name);
+}
+
+Turn::~Turn() { close(lock_); }
 
 void stop_writing(named_pipe& pipe) { close(std::exchange(pipe.write_fd, 0)); }
 

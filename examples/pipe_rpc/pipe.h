@@ -19,6 +19,19 @@ using Pipe = std::unique_ptr<named_pipe, ClosePipe>;
 // FIFO that others have access to.
 Pipe open_pipe(const std::string& path, int side);
 
+// A client's turn: the pair is a channel for two, so clients wait for each other, by a lock on
+// <path>_lock, this user's alone. Made before the pipe is opened, and gone after it is closed.
+class Turn {
+  public:
+    explicit Turn(const std::string& path);  // throws std::runtime_error
+    ~Turn();
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+  private:
+    int lock_;
+};
+
 // Tells the other side that nothing more is to come.
 void stop_writing(named_pipe& pipe);
 

@@ -69,7 +69,8 @@ struct FreeManager {
 using Manager = std::unique_ptr<async_requests_manager, FreeManager>;
 
 // Reads answers on a thread of its own. At the end it tells the worker that nothing more is to
-// come; the worker then closes its side, which ends the thread.
+// come; the worker then closes its side, which ends the thread. (It closes the end that it reads
+// from first: once our read has come to its end, no next client can meet what is left of it.)
 class Reader {
   public:
     Reader(named_pipe* pipe, async_requests_manager* manager)
@@ -136,6 +137,7 @@ std::vector<Pending> ask_all(const Options& options) {
     // What callbacks write to outlives the manager, whose end is the last callback's.
     std::vector<Pending> all(options.requests);
     std::counting_semaphore<> called{0};
+    const Turn turn(options.path);
     const Pipe pipe = open_pipe(options.path, NAMED_PIPE_TX);
     const Manager manager(async_requests_manager_create());
     if (!manager) throw std::runtime_error("no request manager");

@@ -476,6 +476,33 @@ TEST(AsyncRequests, AnIdleWorkerCompletesWhatIsOverdueOnceAndTheNewestFirst) {
     EXPECT_TRUE(leftovers.none());
 }
 
+TEST(AsyncRequests, AnExpiredRequestKeepsTheDataThatItCameWith) {
+    const Leftovers leftovers;
+    {
+        Manager manager;
+        Calls calls;
+        Expected expected{0, &calls};
+        async_request* const request = async_request_create(manager, kPast);
+        request->callback = Expected::called;
+        request->context = &expected;
+        request->data = text_of("mine");
+        request->data_length = 4;
+        async_request_begin(manager, request);
+        {
+            FailingCall fault("malloc", ENOMEM);
+            EXPECT_EQ(async_request_process(manager, request->id, 7, nullptr, 0), -1);
+            EXPECT_TRUE(fault.hit());
+        }
+        EXPECT_EQ(request->status, 0);
+        EXPECT_EQ(request->data_length, 4);
+        ASSERT_TRUE(calls.reach(1));
+        EXPECT_EQ(calls.all()[0].status, ASYNC_REQUEST_TIMED_OUT);
+        EXPECT_TRUE(calls.all()[0].has_data);
+        EXPECT_EQ(calls.all()[0].data_length, 4u);
+    }
+    EXPECT_TRUE(leftovers.none());
+}
+
 TEST(AsyncRequests, OneThatCannotBeQueuedStaysPendingUntilTheNextLook) {
     Manager manager;
     Calls calls;

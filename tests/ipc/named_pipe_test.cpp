@@ -297,6 +297,8 @@ TEST(NamedPipe, WithoutASideItMakesTheFifosAndFails) {
     EXPECT_THAT(log.lines(), IsEmpty());
 
     errno = 0;
+    EXPECT_EQ(named_pipe_open(nullptr, NAMED_PIPE_PAIR | NAMED_PIPE_TX), nullptr);
+    EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(named_pipe_open((scratch / "pair").c_str(), NAMED_PIPE_PAIR), nullptr);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_THAT(log.lines(), ElementsAre("WARN:named_pipe:named_pipe_open: named_pipe_init()(): "

@@ -39,7 +39,10 @@ struct Outcome {
     int32_t data_length;
 };
 
-constexpr Outcome kTimedOut{ASYNC_REQUEST_TIMED_OUT, nullptr, 0};
+// An expired request keeps the data that it came with.
+Outcome expired(const async_request& request) {
+    return {ASYNC_REQUEST_TIMED_OUT, request.data, request.data_length};
+}
 
 void set_outcome(async_request& request, const Outcome& outcome) {
     request.status = outcome.status;
@@ -50,15 +53,16 @@ void set_outcome(async_request& request, const Outcome& outcome) {
 // Queues the request for its callback, after which it may be gone. False, with the request as it
 // was, when memory is out.
 bool complete(async_requests_manager& manager, async_request& request, const Outcome& outcome) {
+    const Outcome before{request.status, request.data, request.data_length};
     set_outcome(request, outcome);
     if (queue_enqueue(&manager.completed, &request)) return true;
-    set_outcome(request, {});
+    set_outcome(request, before);
     return false;
 }
 
 // A request that is not pending, and will not be.
 void give_up(async_requests_manager& manager, async_request& request) {
-    if (!complete(manager, request, kTimedOut)) async_request_free(&request);
+    if (!complete(manager, request, expired(request))) async_request_free(&request);
 }
 
 // --- the worker ----------------------------------------------------------------------------------
@@ -112,7 +116,7 @@ void sweep(async_requests_manager& manager) {
     for (hashtable_entry *entry = manager.pending.last, *older; entry; entry = older) {
         older = entry->older;
         async_request& request = *static_cast<async_request*>(entry->value);
-        if (request.deadline < now && complete(manager, request, kTimedOut))
+        if (request.deadline < now && complete(manager, request, expired(request)))
             hashtable_remove_l(&manager.pending, entry->key);
     }
 }

@@ -55,7 +55,7 @@ typedef struct async_request {
     uint8_t status;    /* 0 until completed */
     async_request_callback callback; /* the caller's, before async_request_begin(); may be NULL */
     void *context;                   /* the caller's; passed to `callback` */
-    void *data;                      /* the answer */
+    void *data;                      /* the answer, which takes the place of what is here: NULL */
     int32_t data_length;
 } async_request;
 
@@ -95,7 +95,8 @@ void async_requests_manager_free(async_requests_manager *manager, int free_self)
 /* A new request with the next id and a deadline this many seconds from now, or NULL when memory is
  * out ("calloc(): ..." logged as a warning). `counter` points to the 64-bit counter that ids come
  * from: a manager's `next_id`, or the manager itself, whose first member that is. The first id is
- * 1. NULL for a NULL counter. */
+ * 1. The deadline wraps with its 32 bits: a time-out that reaches beyond February 2106 is over at
+ * once. NULL for a NULL counter. */
 async_request *async_request_create(void *counter, uint32_t timeout_seconds);
 
 /* Frees a request that was not begun, and its data when data_length is above 0. NULL is ignored. */
@@ -111,9 +112,10 @@ void async_request_free(async_request *request);
 int async_request_begin(async_requests_manager *manager, async_request *request);
 
 /* Completes the pending request with this id. The low 8 bits of `status` are delivered.
- * Returns 0: the request owns `data` and frees it, with free(), when data_length is above 0. -1:
- * `data` stays the caller's, since the id is not pending (completed, timed out, never begun), or
- * memory is out and the request stays pending. */
+ * Returns 0: the request owns `data` and frees it, with free(), when data_length is above 0. (Data
+ * of length 0 or less stays the caller's to free, and the callback sees a negative length as its
+ * unsigned 32 bits.) -1: `data` stays the caller's, since the id is not pending (completed, timed
+ * out, never begun), or memory is out and the request stays pending. */
 int async_request_process(async_requests_manager *manager, uint64_t id, int status, void *data,
                           int32_t data_length);
 

@@ -11,7 +11,7 @@
  * thread that ended by its read function's result detaches itself, without touching the record
  * again, which may be freed by then. Either way nothing has to be joined twice and nothing leaks.
  *
- * One thread at a time starts, stops and closes a reader. */
+ * One thread at a time starts, stops and closes a reader. Only these functions write `running`. */
 #ifndef ZTLIB_IPC_ASYNC_IPC_ASYNC_READER_H
 #define ZTLIB_IPC_ASYNC_IPC_ASYNC_READER_H
 

@@ -115,7 +115,10 @@ void close_end(int32_t& descriptor) {
 
 extern "C" named_pipe* named_pipe_open(const char* path, int flags) {
     const zt::Site here{kModule, __func__};
-    if (!path) return nullptr;
+    if (!path) {
+        errno = EINVAL;
+        return nullptr;
+    }
 
     zt::Owned<named_pipe> pipe(zt::allocate_zeroed<named_pipe>());
     if (!pipe) {

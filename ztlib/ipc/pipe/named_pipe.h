@@ -17,9 +17,13 @@
  * writes (NAMED_PIPE_RX) sends with write(pipe->read_fd, ...): named_pipe_write() would write to
  * descriptor 0.
  *
- * FIFOs that are missing are made with mode 0022 less the process's umask, which is one that root
- * alone can open. For other users make them beforehand with the mode they are to have; a FIFO that
+ * FIFOs that are missing are made with mode 0022 less the process's umask: with the usual umask of
+ * 022 root alone can open them, with a umask of 0 every user can write into them. Make them
+ * beforehand with the mode they are to have, or keep them in a directory of your own; a FIFO that
  * is there is used as it is. FIFOs are never removed.
+ *
+ * A channel is for exactly two processes. A third one that opens it joins in, and bytes go to
+ * whichever reads first.
  *
  * When the partner has gone, reading returns 0 once everything is read, and writing raises SIGPIPE:
  * ignore it (signal(SIGPIPE, SIG_IGN)) to get -1 with EPIPE instead.
@@ -55,7 +59,8 @@ enum {
 
 /* A new pipe on this path, both ends met, or NULL with errno set: memory is out ("calloc()(): ..."
  * logged as a warning) or named_pipe_init() failed ("named_pipe_init()(): ..." logged as a warning;
- * what it had opened is closed). Release it with named_pipe_close(pipe, 1). */
+ * what it had opened is closed); EINVAL for a NULL path. Release it with named_pipe_close(pipe,
+ * 1). */
 named_pipe *named_pipe_open(const char *path, int flags);
 
 /* Prepares a pipe in the caller's own storage, zeroed but for `path`: makes the transport lock,
@@ -64,7 +69,7 @@ named_pipe *named_pipe_open(const char *path, int flags);
  *
  * Returns 0, or -1 with errno set:
  *   ENAMETOOLONG  the path has more than 508 characters (pair), 511 (single); nothing is made
- *   EINVAL        `flags` has no side; the FIFOs are made by then
+ *   EINVAL        `flags` has no side; the FIFOs are made by then. For NULL, too
  *   others        a FIFO cannot be made ("mkfifo()(): ...") or opened ("open()(): ...", both logged
  *                 as a warning); EINTR too, when a signal's handler interrupts the wait
  * A descriptor that was opened before the failure stays open in the record: named_pipe_close(pipe,
