@@ -210,6 +210,15 @@ TEST(OpensslCaCreate, RefusesAPathThatIsTooLongBeforeAnythingIsMade) {
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST(OpensslCaCreate, MakesNothingInADirectoryWithoutAName) {
+    const int made = keys_made();
+    const CapturedLog log;
+    EXPECT_EQ(openssl_ca_create(""), nullptr);
+    EXPECT_EQ(keys_made(), made);
+    EXPECT_FALSE(exists("/private"));
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
 TEST(OpensslCaCreate, CutsTheSerialsPathAt127Characters) {
     const ScratchDirectory scratch;
     const std::string path = path_of_length(scratch, 122);

@@ -373,7 +373,8 @@ void print_encryption_error() {
 extern "C" openssl_ca* openssl_ca_create(const char* directory) {
     const zt::Site here{kModule, __func__};
     DirectoryPaths paths;
-    if (!directory || !paths.set(directory)) return nullptr;
+    // Without a name, the files' paths would be the root's.
+    if (!directory || *directory == '\0' || !paths.set(directory)) return nullptr;
     const zt::ErrorMark mark;
     initialise_openssl();
     make_directory(directory);
