@@ -31,6 +31,11 @@ constexpr std::string_view kCertificateSuffix = "_public";
 
 [[noreturn]] void fail(const std::string& why) { throw std::runtime_error(why); }
 
+// The library takes every byte for a character of Latin-1.
+bool is_plain(const std::string& name) {
+    return std::all_of(name.begin(), name.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
 bool holds_authority(const std::string& directory) { return fs::exists(directory + "/private"); }
 
 std::string text_of(const ASN1_TIME* time) {
@@ -93,6 +98,10 @@ Client client_named(const std::string& name) {
 
 Authority Authority::make(const std::string& directory) {
     if (holds_authority(directory)) fail(directory + " holds an authority already");
+    // Before the seconds that a key takes: the library makes the directory, but not its parents.
+    const fs::path parent = fs::path(directory + "/..").lexically_normal();
+    if (!fs::is_directory(directory) && !fs::is_directory(parent.empty() ? "." : parent))
+        fail("there is no directory " + parent.string() + " to make one in");
     const Progress progress(kMakingAKey);
     openssl_ca* made = openssl_ca_create(directory.c_str());
     if (!made) fail("no authority can be made in " + directory);
@@ -112,6 +121,7 @@ Authority::Authority(const std::string& directory) {
 Issued Authority::issue(const Client& client, const std::string& common_name) {
     if (common_name.empty() || common_name.size() > kLongestName)
         fail("a client's name has 1 to " + std::to_string(kLongestName) + " characters");
+    if (!is_plain(common_name)) fail("a client's name has printable ASCII characters only");
     if (has(client)) fail(client.name() + " has a certificate already; 'revoke' it first");
     {
         const Progress progress(kMakingAKey);

@@ -162,6 +162,9 @@ TEST(CaProgram, SaysWhatCannotBeOpenedOrIssued) {
                    "a client's name has 1 to 64 characters");
     expect_failure({"issue", authority.path(), std::string(65, 'n'), "-d7", "-i42"},
                    "a client's name has 1 to 64 characters");
+    for (const char* name : {"J\xc3\xbcrgen", "two\nlines", "\x1b[2J", "\x7f"})
+        expect_failure({"issue", authority.path(), name, "-d7", "-i42"},
+                       "a client's name has printable ASCII characters only");
     unlink((authority / "serial").c_str());
     const Result result = ca_program({"list", authority.path()});
     EXPECT_EQ(result.status, 1);
@@ -169,6 +172,16 @@ TEST(CaProgram, SaysWhatCannotBeOpenedOrIssued) {
                                   HasSubstr(" : fopen(): No such file or directory\n")));
     expect_failure({"list", authority.path()},
                    "the authority in " + authority.path() + " cannot be opened");
+}
+
+TEST(CaProgram, LooksAtTheParentBeforeItMakesAKey) {
+    const ScratchDirectory scratch;
+    for (const char* end : {"/x", "/x/"}) {
+        const Result result = ca_program({"init", scratch / "none" + end});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.err,
+                  complaint("there is no directory " + (scratch / "none/") + " to make one in"));
+    }
 }
 
 TEST(CaProgram, ExplainsItsCommandLine) {

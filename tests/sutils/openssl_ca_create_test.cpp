@@ -3,6 +3,7 @@
 #include <ztlib/logger.h>
 
 #include <tests/sutils/authority.h>
+#include <tests/sutils/renames.h>
 
 #include <cerrno>
 #include <climits>
@@ -209,6 +210,15 @@ TEST(OpensslCaCreate, RefusesAPathThatIsTooLongBeforeAnythingIsMade) {
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST(OpensslCaCreate, MakesNothingInADirectoryWithoutAName) {
+    const int made = keys_made();
+    const CapturedLog log;
+    EXPECT_EQ(openssl_ca_create(""), nullptr);
+    EXPECT_EQ(keys_made(), made);
+    EXPECT_FALSE(exists("/private"));
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
 TEST(OpensslCaCreate, CutsTheSerialsPathAt127Characters) {
     const ScratchDirectory scratch;
     const std::string path = path_of_length(scratch, 122);
@@ -225,8 +235,30 @@ TEST(OpensslCaCreate, LeavesNoAuthorityThatCannotNumberItsCertificates) {
     mkdir(path.substr(0, 127).c_str(), 0700);  // what the serial's path is cut to
     const CapturedLog log;
     EXPECT_EQ(openssl_ca_create(path.c_str()), nullptr);
-    EXPECT_THAT(log.lines(), ElementsAre(log_line("fopen(): Is a directory")));
+    EXPECT_THAT(log.lines(),
+                ElementsAre(log_line("fopen(): Is a directory", "openssl_ca_create_cert")));
     EXPECT_THAT(entries_of(path), IsEmpty());
+}
+
+TEST(OpensslCaCreate, BeginsAnewAfterADeathInTheMiddle) {
+    const int places = 3;  // of the certificate, the serial, the key
+    for (int last = 1; last <= places; last++) {
+        const ScratchDirectory scratch;
+        const std::string path = scratch / "ca";
+        const ChildResult child = run_in_child([&] {
+            int count = 0;
+            const WatchedRenames watch([&](const std::string&) {
+                if (++count == last) _exit(9);
+            });
+            openssl_ca_create(path.c_str());
+        });
+        EXPECT_EQ(child.status, 9) << last;
+        EXPECT_FALSE(exists(path + "/private"));
+        openssl_ca* ca = openssl_ca_create(path.c_str());
+        ASSERT_NE(ca, nullptr) << last;
+        EXPECT_EQ(ca->serial, 1'000'000u);
+        openssl_ca_free(ca, 1);
+    }
 }
 
 TEST(OpensslCaCreate, IsNotMadeInADirectoryThatCannotBe) {
@@ -249,6 +281,11 @@ TEST(OpensslCaCreate, LeavesNothingOfAnAuthorityThatCannotBeWritten) {
             EXPECT_TRUE(fault.hit()) << call << ' ' << skip;
             EXPECT_THAT(entries_of(path), IsEmpty()) << call << ' ' << skip;
         }
+    const ScratchDirectory scratch;
+    const FailingCall fault("fsync", EIO, 3);  // of the directory that names the serial, or the key
+    EXPECT_EQ(openssl_ca_create((scratch / "ca").c_str()), nullptr);
+    EXPECT_TRUE(fault.hit());
+    EXPECT_THAT(entries_of(scratch / "ca"), IsEmpty());
 }
 
 TEST(OpensslCaCreate, IsNotOpenedAndLeaksNothingWhenMemoryIsOut) {
@@ -299,6 +336,21 @@ TEST(OpensslCaCreate, ReportsTheMutexCallsThatFail) {
     EXPECT_EQ(err.text(),
               "./sutils/openssl_ca:openssl_ca_free: pthread_mutex_destroy(): No such file or "
               "directory (16)\n");
+}
+
+// In a process of its own, which has issued nothing yet: what is registered stays until the end.
+TEST(OpensslCaNew, IssuesWhereTheHostHasANameOfItsOwnForThePurpose) {
+    const Directory directory;
+    const ChildResult child = run_in_child([&] {
+        const bool is_hosts = OBJ_create(kPurposeOid, "hostClient", "Host Client") != NID_undef;
+        openssl_ca* ca = directory.open();
+        openssl_ca_new(ca, "client", 42, 7);
+        const CertificatePtr x = certificate_in(directory / "7_42_public");
+        const bool is_valid = x && openssl_ca_verify(ca, x.get(), nullptr, nullptr) == 0;
+        printf("%s, %s", is_hosts ? "named" : "too late", is_valid ? "issued" : "not issued");
+        openssl_ca_free(ca, 1);
+    });
+    EXPECT_EQ(child.out, "named, issued");
 }
 
 TEST(OpensslCaFree, KeepsTheRecordWhenAsked) {
@@ -466,6 +518,41 @@ TEST_F(CreateCert, WritesBothFilesOrNeither) {
     }
 }
 
+TEST_F(CreateCert, FollowsLinksToRegularFiles) {
+    const std::string target = scratch.write("target", "old");
+    ASSERT_EQ(symlink("target", certificate.c_str()), 0);
+    ASSERT_EQ(create(), 0);
+    EXPECT_TRUE(std::filesystem::is_symlink(certificate));
+    EXPECT_THAT(content_of(target), StartsWith("-----BEGIN CERTIFICATE-----\n"));
+
+    const FailingCall fault("rename", ENOSPC, 1);  // the key's: the certificate is taken back
+    EXPECT_EQ(create(), -1);
+    EXPECT_TRUE(fault.hit());
+    EXPECT_FALSE(exists(target));
+}
+
+TEST_F(CreateCert, ReplacesNothingButRegularFiles) {
+    const Strings before{"certificate", "directory", "link", "pipe"};
+    ASSERT_EQ(mkfifo((scratch / "pipe").c_str(), 0600), 0);
+    ASSERT_EQ(mkdir((scratch / "directory").c_str(), 0700), 0);
+    ASSERT_EQ(symlink("nothing", (scratch / "link").c_str()), 0);
+    write_to(certificate, "old");
+    for (const char* place : {"pipe", "link", "directory"}) {
+        key = scratch / place;
+        EXPECT_EQ(create(), -1);
+        EXPECT_EQ(entries_of(scratch.path()), before);
+    }
+    key = "/dev/null";
+    EXPECT_EQ(create(), -1);
+    EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+    EXPECT_TRUE(std::filesystem::is_fifo(scratch / "pipe"));
+    EXPECT_EQ(content_of(certificate), "old");
+    EXPECT_THAT(log.lines(), ElementsAre(create_cert_line("fopen(): Invalid argument"),
+                                         create_cert_line("fopen(): Invalid argument"),
+                                         create_cert_line("fopen(): Is a directory"),
+                                         create_cert_line("fopen(): Invalid argument")));
+}
+
 TEST_F(CreateCert, RefusesNull) {
     EXPECT_EQ(openssl_ca_create_cert(nullptr, certificate.c_str(), "n", 1, nullptr), -1);
     EXPECT_EQ(openssl_ca_create_cert(key.c_str(), nullptr, "n", 1, nullptr), -1);
@@ -567,6 +654,21 @@ TEST(CreatePrivateKey, LeavesNoFileWhenItFails) {
                                                   "openssl_ca_create_private_key")));
 }
 
+TEST(CreatePrivateKey, ReplacesAndDeletesNothingButRegularFiles) {
+    const ScratchDirectory scratch;
+    const std::string pipe = scratch / "pipe", link = scratch / "link";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    ASSERT_EQ(symlink("/dev/null", link.c_str()), 0);
+    const CapturedLog log;
+    EXPECT_EQ(openssl_ca_create_private_key(pipe.c_str()), -1);
+    EXPECT_EQ(openssl_ca_create_private_key(link.c_str()), -1);
+    EXPECT_THAT(log.lines(),
+                Each(log_line("fopen(): Invalid argument", "openssl_ca_create_private_key")));
+    EXPECT_TRUE(std::filesystem::is_fifo(pipe));
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+}
+
 TEST(CertLoad, ReadsTheFirstCertificate) {
     const ScratchDirectory scratch;
     const CertificatePtr first = make({}), second = make({.subject = "second"});
@@ -601,7 +703,10 @@ TEST(AddExt, AddsWhatTheStringSays) {
     EXPECT_EQ(add_ext(x.get(), NID_basic_constraints, "critical,CA:FALSE"), 1);
     EXPECT_EQ(add_ext(x.get(), NID_subject_key_identifier, "hash"), 1);
     EXPECT_EQ(add_ext(x.get(), NID_key_usage, "no such usage"), 0);
-    EXPECT_EQ(add_ext(x.get(), NID_undef, "text"), 0);
+    for (const int unknown : {NID_undef, -1, 99999}) {
+        EXPECT_EQ(add_ext(x.get(), unknown, "text"), 0);
+        EXPECT_EQ(add_ext(x.get(), unknown, "DER:04"), 0);
+    }
     EXPECT_EQ(add_ext(x.get(), NID_key_usage, nullptr), 0);
     EXPECT_EQ(add_ext(nullptr, NID_key_usage, "digitalSignature"), 0);
     EXPECT_EQ(X509_get_ext_count(x.get()), 2);

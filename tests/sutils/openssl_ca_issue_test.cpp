@@ -1,6 +1,7 @@
 // Client certificates: what they say, to us and to other programs, and their files.
 
 #include <tests/sutils/authority.h>
+#include <tests/sutils/renames.h>
 
 #include <openssl/sha.h>
 
@@ -284,6 +285,7 @@ TEST(OpensslCaNew, LeavesNoFileOfAClientWhenAStepFails) {
     // Written first: the three files, then the serial; on disk first: the serial, then the three.
     for (const char* call : {"write", "fsync", "rename"})
         for (uint32_t skip = 0; skip < 4; skip++) issue_without(call, skip);
+    issue_without("fsync", 4);  // of the directory that names the serial
     EXPECT_NE(ca.issue(7, 42), nullptr);
     EXPECT_EQ(content_of(ca / "serial"), std::to_string(ca->serial));
 }
@@ -403,6 +405,32 @@ std::chrono::milliseconds soak_time() {
 }
 
 }  // namespace
+
+// Between the certificate's place and the key's, another thread has all the time it may need.
+TEST(OpensslCa, ReplacesAndDeletesAClientsFilesAsOne) {
+    const ScratchAuthority ca;
+    const auto interrupted_by = [&](const std::function<void()>& work) {
+        std::atomic<bool> is_between{false}, is_over{false};
+        const WatchedRenames watch([&](const std::string& to) {
+            if (!to.ends_with("7_42_private") || is_between.exchange(true)) return;
+            eventually([&] { return is_over.load(); }, std::chrono::seconds(1));
+        });
+        std::thread other([&] {
+            EXPECT_TRUE(eventually([&] { return is_between.load(); }));
+            work();
+            is_over = true;
+        });
+        openssl_ca_new(ca.get(), "client", 42, 7);
+        other.join();
+    };
+    interrupted_by([&] { openssl_ca_new(ca.get(), "client", 42, 7); });
+    const CertificatePtr x = certificate_in(ca / "7_42_public");
+    ASSERT_NE(x, nullptr);
+    EXPECT_EQ(X509_check_private_key(x.get(), key_in(ca / "7_42_private").get()), 1);
+
+    interrupted_by([&] { openssl_ca_del(ca.get(), "7_42"); });
+    EXPECT_EQ(entries_of(ca.path()), kEmpty);
+}
 
 TEST(OpensslCa, IssuesAndVerifiesFromEightThreadsAtOnce) {
     const ScratchAuthority ca;

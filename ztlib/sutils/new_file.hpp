@@ -17,11 +17,13 @@ constexpr mode_t kPublicFile = 0644;
 // fails, whatever is at the path stays as it is. Every step is false, with errno set, when it
 // failed.
 //
+// Links are followed: the place is the file that the path leads to. A directory (EISDIR), anything
+// else that is not a regular file, and a link that leads to nothing (EINVAL) are never replaced.
+//
 //     NewFile file(path, kPrivateFile);
 //     const bool made = file && file.write(bytes, size) && file.put_in_place();
 class NewFile {
   public:
-    // `path` is the caller's until the end of the scope.
     NewFile(const char* path, mode_t mode);
     ~NewFile();
     NewFile(const NewFile&) = delete;
@@ -29,14 +31,21 @@ class NewFile {
 
     explicit operator bool() const { return descriptor_ >= 0; }
     bool write(const void* bytes, size_t size);
+    // Brings the content to the disk, for a put_in_place() that has to be short.
+    bool flush();
     // The content reaches the disk before the path names it.
     bool put_in_place();
+    // Brings the name to the disk too, after put_in_place().
+    bool flush_name() const;
+    // Deletes what is at the path, after put_in_place(); errno stays as it is.
+    void take_away();
     // The same, but false with EEXIST where something is at the path already.
     bool take_free_place();
 
   private:
-    const char* path_;
     int descriptor_;
+    bool is_flushed_ = false;
+    char place_[PATH_MAX];
     char temporary_[PATH_MAX];
 };
 

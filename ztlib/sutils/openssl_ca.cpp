@@ -1,9 +1,9 @@
 // What a certificate looks like, what the files are, and how a certificate is judged have sources
 // of their own; here the steps are put together.
 //
-// The authority's mutex is held while a serial number is taken, while the serial file is written
-// and while a certificate is judged, and never while a key is made or a signature is. Nothing else
-// is locked under it.
+// The authority's mutex is held while a serial number is taken, while the serial file is written,
+// while a client's files take their places or are deleted, and while a certificate is judged, and
+// never while a key is made or a signature is. Nothing else is locked under it.
 //
 // RSA_public_encrypt() and RSA_private_decrypt() are deprecated since OpenSSL 3. They stay because
 // the key is given as one of RSA's own type, and because 1.1 and 3 have them alike.
@@ -48,6 +48,129 @@ constexpr size_t kClientNameRoom = 48;  // two numbers, what is between them, an
 
 void log_call(zt::Site here, const char* call) { zt::report_call(here, call, LOGGER_ERROR); }
 void log_text(zt::Site here, const char* text) { zt::report(here, LOGGER_ERROR, "%s", text); }
+
+// --- making a key and certificate ----------------------------------------------------------------
+
+// Null, with errno set, when the file cannot be read or holds no RSA key.
+zt::RsaKey load_rsa_key(const char* path) {
+    const zt::Bio pem = zt::read_file(path);
+    if (!pem) return nullptr;
+    errno = EINVAL;
+    return zt::read_rsa_key(pem);
+}
+
+// The results of openssl_ca_create_cert().
+enum : int {
+    kMade = 0,
+    kNoKeyOrFile = -1,
+    kNoCertificate = -2,
+    kSignerNotKept = -3,
+    kNotSigned = -4,
+};
+
+int look_at_signer_key(const char* path, zt::Site here) {
+    zt::RsaKey rsa = load_rsa_key(path);
+    if (!rsa) {
+        log_call(here, "failed to load rsa");
+        return kNoKeyOrFile;
+    }
+    const zt::Key key(EVP_PKEY_new());
+    if (!key) {
+        log_call(here, "EVP_PK_new");
+        return kNoKeyOrFile;
+    }
+    if (zt::wrap_rsa_key(std::move(rsa), key)) return kMade;
+    log_text(here, "EVP_PKEY_assing error");
+    return kSignerNotKept;
+}
+
+// A new key and a certificate still to be filled in.
+struct Pair {
+    zt::Key key;
+    zt::Certificate certificate;
+};
+
+int make_pair(Pair& pair, zt::Site here) {
+    zt::RsaKey rsa = zt::generate_rsa_key();
+    pair.key.reset(EVP_PKEY_new());
+    if (!pair.key) {
+        log_call(here, "EVP_PK_new");
+        return kNoKeyOrFile;
+    }
+    pair.certificate.reset(X509_new());
+    if (!pair.certificate) {
+        log_call(here, "X509_new");
+        return kNoCertificate;
+    }
+    if (zt::wrap_rsa_key(std::move(rsa), pair.key)) return kMade;
+    log_text(here, "EVP assign lk fail");
+    return kNotSigned;
+}
+
+struct PairPaths {
+    const char* key;
+    const char* certificate;
+    const char* serial;  // null: none
+};
+
+// A new authority that cannot number its certificates is none.
+bool write_first_serial(const char* path) {
+    if (!path || zt::write_serial(path, kSerialBeforeTheFirst)) return true;
+    const int error = errno;
+    unlink(path);
+    errno = error;
+    return false;
+}
+
+// The key last: without it there is no authority, and the next attempt begins anew.
+bool write_pair(const Pair& pair, const PairPaths& paths) {
+    zt::NewFile certificate(paths.certificate, zt::kPublicFile);
+    zt::NewFile key(paths.key, zt::kPrivateFile);
+    const zt::Bio certificate_pem = zt::pem_of(*pair.certificate);
+    const zt::Bio key_pem = zt::pem_of(*pair.key);
+    if (!certificate || !key || !certificate_pem || !key_pem ||
+        !zt::write_content(certificate, certificate_pem) || !zt::write_content(key, key_pem) ||
+        !certificate.put_in_place())
+        return false;
+    if (write_first_serial(paths.serial)) {
+        if (key.put_in_place()) return true;
+        const int error = errno;
+        if (paths.serial) unlink(paths.serial);
+        errno = error;
+    }
+    certificate.take_away();
+    return false;
+}
+
+// Logs what fails, as openssl_ca_create_cert() does.
+int make_pair_files(const PairPaths& paths, const char* common_name, int serial,
+                    const char* signer_key_path, zt::Site here) {
+    if (signer_key_path) {
+        const int result = look_at_signer_key(signer_key_path, here);
+        if (result != kMade) return result;
+    }
+
+    Pair pair;
+    if (const int result = make_pair(pair, here); result != kMade) return result;
+
+    zt::Certificate issuer;
+    if (signer_key_path) {
+        issuer.reset(openssl_cert_load(kSignerCertificate));
+        if (!issuer) {
+            log_call(here, "pem_x509");
+            return kNoKeyOrFile;
+        }
+    }
+    if (!zt::fill_authority_certificate(*pair.certificate, common_name, serial, *pair.key,
+                                        issuer.get())) {
+        log_text(here, signer_key_path ? "X509_sign error" : "x509 req sign");
+        if (signer_key_path) ERR_print_errors_fp(stderr);
+        return kNotSigned;
+    }
+    if (write_pair(pair, paths)) return kMade;
+    log_call(here, "fopen");
+    return kNoKeyOrFile;
+}
 
 // --- opening an authority ------------------------------------------------------------------------
 
@@ -102,16 +225,9 @@ Authority make_record(const char* directory, const DirectoryPaths& paths, zt::Si
     return complete ? std::move(ca) : nullptr;
 }
 
-// A new authority that cannot number its certificates is none.
-bool make_authority(const openssl_ca& ca, zt::Site here) {
-    if (openssl_ca_create_cert(ca.private_path, ca.public_path, kAuthorityName, kAuthoritySerial,
-                               nullptr) != 0)
-        return false;
-    if (zt::write_serial(ca.serial_path, kSerialBeforeTheFirst)) return true;
-    log_call(here, "fopen");
-    unlink(ca.private_path);
-    unlink(ca.public_path);
-    return false;
+bool make_authority(const openssl_ca& ca) {
+    return make_pair_files({ca.private_path, ca.public_path, ca.serial_path}, kAuthorityName,
+                           kAuthoritySerial, nullptr, {kModule, "openssl_ca_create_cert"}) == kMade;
 }
 
 // A key that is there but cannot be opened is not taken for a missing one, and neither is a link to
@@ -119,7 +235,7 @@ bool make_authority(const openssl_ca& ca, zt::Site here) {
 bool make_on_first_use(const openssl_ca& ca, zt::Site here) {
     if (zt::Descriptor(open(ca.private_path, O_RDONLY | O_CLOEXEC))) return true;
     struct stat status;
-    if (errno == ENOENT && lstat(ca.private_path, &status) != 0) return make_authority(ca, here);
+    if (errno == ENOENT && lstat(ca.private_path, &status) != 0) return make_authority(ca);
     log_call(here, "fopen");
     return false;
 }
@@ -138,14 +254,6 @@ bool make_store(openssl_ca& ca, zt::Site here) {
         ca.store && ca.store_context && X509_STORE_add_cert(ca.store, ca.ca_certificate) == 1;
     if (!made) log_call(here, "X509_STORE_new");
     return made;
-}
-
-// Null, with errno set, when the file cannot be read or holds no RSA key.
-zt::RsaKey load_rsa_key(const char* path) {
-    const zt::Bio pem = zt::read_file(path);
-    if (!pem) return nullptr;
-    errno = EINVAL;
-    return zt::read_rsa_key(pem);
 }
 
 bool load_private_key(openssl_ca& ca, zt::Site here) {
@@ -186,6 +294,12 @@ bool record_serial(openssl_ca& ca, zt::Site here) {
     return zt::write_serial(ca.serial_path, ca.serial);
 }
 
+// Whole clients at a time: the files of two certificates for the same one do not mix.
+void put_in_place(openssl_ca& ca, zt::ClientFiles& files, zt::Site here) {
+    const zt::Lock lock(ca.mutex, here);
+    files.put_in_place();
+}
+
 void issue(openssl_ca& ca, const char* common_name, const zt::Client& client, zt::Site here) {
     char name[kClientNameRoom];
     snprintf(name, sizeof name, "%" PRIu64 "_%" PRIu64, client.domain, client.id);
@@ -199,7 +313,8 @@ void issue(openssl_ca& ca, const char* common_name, const zt::Client& client, zt
     if (!certificate) return;
 
     zt::ClientFiles files(paths);
-    if (files.write(*certificate, *key) && record_serial(ca, here)) files.put_in_place();
+    if (files.write(*certificate, *key) && files.flush() && record_serial(ca, here))
+        put_in_place(ca, files, here);
 }
 
 // "<domain>_<id>" and nothing else: no path leads out of the directory.
@@ -251,73 +366,6 @@ void print_encryption_error() {
     fprintf(stderr, "Error encrypting message: %s\n", text);
 }
 
-// --- making a key and certificate ----------------------------------------------------------------
-
-// The results of openssl_ca_create_cert().
-enum : int {
-    kMade = 0,
-    kNoKeyOrFile = -1,
-    kNoCertificate = -2,
-    kSignerNotKept = -3,
-    kNotSigned = -4,
-};
-
-int look_at_signer_key(const char* path, zt::Site here) {
-    zt::RsaKey rsa = load_rsa_key(path);
-    if (!rsa) {
-        log_call(here, "failed to load rsa");
-        return kNoKeyOrFile;
-    }
-    const zt::Key key(EVP_PKEY_new());
-    if (!key) {
-        log_call(here, "EVP_PK_new");
-        return kNoKeyOrFile;
-    }
-    if (zt::wrap_rsa_key(std::move(rsa), key)) return kMade;
-    log_text(here, "EVP_PKEY_assing error");
-    return kSignerNotKept;
-}
-
-// A new key and a certificate still to be filled in.
-struct Pair {
-    zt::Key key;
-    zt::Certificate certificate;
-};
-
-int make_pair(Pair& pair, zt::Site here) {
-    zt::RsaKey rsa = zt::generate_rsa_key();
-    pair.key.reset(EVP_PKEY_new());
-    if (!pair.key) {
-        log_call(here, "EVP_PK_new");
-        return kNoKeyOrFile;
-    }
-    pair.certificate.reset(X509_new());
-    if (!pair.certificate) {
-        log_call(here, "X509_new");
-        return kNoCertificate;
-    }
-    if (zt::wrap_rsa_key(std::move(rsa), pair.key)) return kMade;
-    log_text(here, "EVP assign lk fail");
-    return kNotSigned;
-}
-
-// The key last: without it there is no authority, and the next attempt begins anew.
-bool write_pair(const Pair& pair, const char* certificate_path, const char* key_path) {
-    zt::NewFile certificate(certificate_path, zt::kPublicFile);
-    zt::NewFile key(key_path, zt::kPrivateFile);
-    const zt::Bio certificate_pem = zt::pem_of(*pair.certificate);
-    const zt::Bio key_pem = zt::pem_of(*pair.key);
-    if (!certificate || !key || !certificate_pem || !key_pem ||
-        !zt::write_content(certificate, certificate_pem) || !zt::write_content(key, key_pem) ||
-        !certificate.put_in_place())
-        return false;
-    if (key.put_in_place()) return true;
-    const int error = errno;
-    unlink(certificate_path);
-    errno = error;
-    return false;
-}
-
 }  // namespace
 
 // --- the authority -------------------------------------------------------------------------------
@@ -325,7 +373,8 @@ bool write_pair(const Pair& pair, const char* certificate_path, const char* key_
 extern "C" openssl_ca* openssl_ca_create(const char* directory) {
     const zt::Site here{kModule, __func__};
     DirectoryPaths paths;
-    if (!directory || !paths.set(directory)) return nullptr;
+    // Without a name, the files' paths would be the root's.
+    if (!directory || *directory == '\0' || !paths.set(directory)) return nullptr;
     const zt::ErrorMark mark;
     initialise_openssl();
     make_directory(directory);
@@ -364,7 +413,9 @@ extern "C" int openssl_ca_new(openssl_ca* ca, const char* common_name, uint64_t 
 
 extern "C" int openssl_ca_del(openssl_ca* ca, const char* name) {
     zt::ClientPaths paths;
-    if (ca && name && is_client_name(name) && paths.set(ca->directory, name)) paths.remove();
+    if (!ca || !name || !is_client_name(name) || !paths.set(ca->directory, name)) return 0;
+    const zt::Lock lock(ca->mutex, {kModule, __func__});
+    paths.remove();
     return 0;
 }
 
@@ -412,31 +463,8 @@ extern "C" int openssl_ca_create_cert(const char* key_path, const char* certific
     const zt::Site here{kModule, __func__};
     if (!key_path || !certificate_path || !common_name) return kNoKeyOrFile;
     const zt::ErrorMark mark;
-    if (signer_key_path) {
-        const int result = look_at_signer_key(signer_key_path, here);
-        if (result != kMade) return result;
-    }
-
-    Pair pair;
-    if (const int result = make_pair(pair, here); result != kMade) return result;
-
-    zt::Certificate issuer;
-    if (signer_key_path) {
-        issuer.reset(openssl_cert_load(kSignerCertificate));
-        if (!issuer) {
-            log_call(here, "pem_x509");
-            return kNoKeyOrFile;
-        }
-    }
-    if (!zt::fill_authority_certificate(*pair.certificate, common_name, serial, *pair.key,
-                                        issuer.get())) {
-        log_text(here, signer_key_path ? "X509_sign error" : "x509 req sign");
-        if (signer_key_path) ERR_print_errors_fp(stderr);
-        return kNotSigned;
-    }
-    if (write_pair(pair, certificate_path, key_path)) return kMade;
-    log_call(here, "fopen");
-    return kNoKeyOrFile;
+    return make_pair_files({key_path, certificate_path, nullptr}, common_name, serial,
+                           signer_key_path, here);
 }
 
 extern "C" int openssl_ca_create_private_key(const char* path) {
@@ -447,7 +475,8 @@ extern "C" int openssl_ca_create_private_key(const char* path) {
     if (pem && zt::write_file(path, zt::kPrivateFile, pem)) return 0;
     if (pem) log_call({kModule, __func__}, "fopen");
     ERR_print_errors_fp(stderr);
-    unlink(path);
+    struct stat status;
+    if (lstat(path, &status) == 0 && S_ISREG(status.st_mode)) unlink(path);
     return -1;
 }
 

@@ -15,9 +15,13 @@
  *     7_42.pfx        both as PKCS#12, DER, without a password              0600
  *
  * The other files are 0644, less what the process's mask takes. A file appears, or takes another's
- * place, whole and already on the disk; until then it stands in the same directory under a name
- * that begins with ".new-". One process at a time makes an authority and issues from it; any number
- * may verify.
+ * place, whole and with its content on the disk; until then it stands in the same directory under a
+ * name that begins with ".new-", where a process that is killed leaves it. Links are followed: what
+ * a link leads to is replaced. A link that leads to nothing, and whatever else is there and no
+ * regular file, cannot be written and stays.
+ *
+ * One process at a time, and one record of it, makes an authority and issues from it: a record
+ * counts by itself. Any number may verify.
  *
  * All keys are RSA, 4,096 bits, exponent 65537; making one takes seconds. Signatures are SHA-1,
  * which TLS peers accept only at OpenSSL's security level 0. The authority's certificate has no
@@ -57,7 +61,8 @@ typedef struct openssl_ca {
     X509_STORE_CTX *store_context; /* used for every verification, empty between them */
     EVP_PKEY *private_key;
     EVP_PKEY *public_key;          /* that of ca_certificate */
-    pthread_mutex_t mutex;         /* guards serial, its file and store_context */
+    pthread_mutex_t mutex;         /* guards serial, its file, store_context and the places of
+                                      clients' files */
 } openssl_ca;
 
 /* --- The authority ---------------------------------------------------------------------------- */
@@ -67,16 +72,18 @@ typedef struct openssl_ca {
  *
  * When there is no file "private", a new authority is made: openssl_ca_create_cert() with serial 1
  * and common name "Selvar Server CA", then "1000000" as last serial. A key file that is there but
- * cannot be opened is never replaced. An authority that cannot be made whole leaves neither key nor
- * certificate.
+ * cannot be opened is never replaced. An authority that cannot be made whole leaves no key, no
+ * certificate and no serial file; the key is written last, so that one whose making was cut short
+ * is made anew.
  *
  * Returns the record (openssl_ca_free()), or NULL. Nothing is made, read or logged for a NULL
- * directory or one whose path with "/private" has more than 511 characters. Logged is
+ * directory, for "" (the current directory is "."), and for one whose path with "/private" has more
+ * than 511 characters. Logged is
  * "<call>(): <text of errno>" with the calls
  *
  *     calloc, strdup        the record or a path of it: memory is out
  *     fopen                 the key file cannot be opened though it is there; the serial file
- *                           cannot be written, cannot be read, or does not begin with a number
+ *                           cannot be written, cannot be read, or does not begin with a digit
  *     pem_x509              no certificate can be read from the certificate file
  *     X509_STORE_new        memory is out
  *     failed to load rsa    no RSA key can be read from the key file
@@ -100,7 +107,8 @@ void openssl_ca_free(openssl_ca *ca, int free_self);
  *     version                    3
  *     serial                     the next one
  *     validity                   from now for 315,360,000 seconds
- *     subject                    "CN" = common_name, at most 64 characters
+ *     subject                    "CN" = common_name, 1 to 64 characters, read as Latin-1: each
+ *                                byte is a character
  *     issuer                     the subject of the authority's certificate
  *     basic constraints          critical, CA:FALSE
  *     key usage                  digitalSignature, nonRepudiation, keyEncipherment,
@@ -116,7 +124,10 @@ void openssl_ca_free(openssl_ca *ca, int free_self);
  * then writes the serial file and the client's three files, the bundle with the friendly name
  * "Selvar NetClient". Files that the client had are replaced. Returns 0, whatever happened: a step
  * that fails writes no file of the client's (one that cannot take its place takes all three away),
- * is not reported, and uses up its serial number. Look for the files. */
+ * is not reported, and uses up its serial number in this record. (The file learns of that with the
+ * next certificate that is issued; opened again before, the authority gives the number to another.)
+ * Threads that issue for the same client do so one after the other: the three files are always of
+ * one certificate, the last. Look for the files. */
 int openssl_ca_new(openssl_ca *ca, const char *common_name, uint64_t client_id,
                    uint64_t client_domain);
 
@@ -167,8 +178,8 @@ int openssl_ca_private_decrypt(openssl_ca *ca, const void *data, unsigned length
 /* --- Steps, for hosts with authorities of another shape --------------------------------------- */
 
 /* Makes a key and a certificate for it, both PEM: version 3, `serial`, valid from now for
- * 31,536,000 seconds, subject "C" = "BG", "CN" = common_name (at most 64 characters), no
- * extensions, signed by the new key itself with SHA-1.
+ * 31,536,000 seconds, subject "C" = "BG", "CN" = common_name (1 to 64 characters, read as Latin-1),
+ * no extensions, signed by the new key itself with SHA-1.
  *
  * Without `signer_key_path` (NULL) the issuer is the subject. With it, the issuer is the subject of
  * the certificate in "/tmp/kelo/public"; the signer's key has to be there, and does not sign.
@@ -189,10 +200,11 @@ int openssl_ca_private_decrypt(openssl_ca *ca, const void *data, unsigned length
 int openssl_ca_create_cert(const char *key_path, const char *certificate_path,
                            const char *common_name, int serial, const char *signer_key_path);
 
-/* Writes a new key as unencrypted PEM PKCS#8, mode 0600, replacing what was there. Returns 0; or
- * -1, with OpenSSL's errors printed, "fopen(): <text of errno>" logged where it is the file that
- * cannot be written, and no file at `path`: one that was there before is deleted too. NULL gives
- * -1. */
+/* Writes a new key as unencrypted PEM PKCS#8, mode 0600. An existing key is replaced: look first
+ * whether one is there. Returns 0; or -1, with OpenSSL's errors printed, "fopen(): <text of errno>"
+ * logged where it is the file that cannot be written, and no file at `path`: a regular file that
+ * was there before is deleted too, but a link, what it leads to, a device or a pipe is not. NULL
+ * gives -1. */
 int openssl_ca_create_private_key(const char *path);
 
 /* The first certificate in a PEM file, to be freed with X509_free(), or NULL: the file cannot be
@@ -203,7 +215,8 @@ X509 *openssl_cert_load(const char *path);
  * its configuration string, in which issuer and subject are the certificate itself. Set the key
  * before NID_subject_key_identifier. (With issuer and subject the same, OpenSSL 3 puts issuer and
  * serial into an authority key identifier of "keyid,issuer", and the key id into one of
- * "keyid:always".) Returns 1, or 0 when the string is refused or an argument is NULL. */
+ * "keyid:always".) Returns 1, or 0 when OpenSSL has no object of that number, the string is refused
+ * or an argument is NULL. */
 int add_ext(X509 *certificate, int nid, const char *value);
 
 /* A verification callback for hosts to install. Returns `ok`, but when that is 0 prints

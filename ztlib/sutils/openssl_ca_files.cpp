@@ -102,7 +102,8 @@ bool zt::write_serial(const char* path, uint32_t serial) {
     char text[kNumberRoom];
     const int length = snprintf(text, sizeof text, "%" PRIu32, serial);
     NewFile file(path, kPublicFile);
-    return file && file.write(text, static_cast<size_t>(length)) && file.put_in_place();
+    return file && file.write(text, static_cast<size_t>(length)) && file.put_in_place() &&
+           file.flush_name();
 }
 
 // --- a client's files ----------------------------------------------------------------------------
@@ -131,6 +132,8 @@ bool zt::ClientFiles::write(X509& certificate, EVP_PKEY& key) {
     return write_part(certificate_, pem_of(certificate)) && write_part(key_, pem_of(key)) &&
            write_part(bundle_, bundle_of(certificate, key));
 }
+
+bool zt::ClientFiles::flush() { return certificate_.flush() && key_.flush() && bundle_.flush(); }
 
 bool zt::ClientFiles::put_in_place() {
     if (certificate_.put_in_place() && key_.put_in_place() && bundle_.put_in_place()) return true;

@@ -28,7 +28,8 @@ uint64_t decimal_value(std::string_view text);
 // read or does not begin with a digit (EINVAL).
 bool read_serial(const char* path, uint32_t& serial);
 
-// Writes it; false with errno set, and the file as it was, when that fails.
+// Writes it, on the disk when it returns. False with errno set when that fails, and the file as it
+// was unless it is only the disk that did not take its name.
 bool write_serial(const char* path, uint32_t serial);
 
 // --- a client's files ----------------------------------------------------------------------------
@@ -58,7 +59,10 @@ class ClientFiles {
           bundle_(paths.bundle, kPrivateFile) {}
 
     bool write(X509& certificate, EVP_PKEY& key);
-    // A file that cannot take its place takes the client's other files away.
+    // Brings them to the disk, which takes long.
+    bool flush();
+    // A file that cannot take its place takes the client's other files away. Two threads may do
+    // this for the same client, but only one after the other.
     bool put_in_place();
 
   private:

@@ -69,6 +69,7 @@ bool add_authority_key_id(X509& certificate) {
                                              value.get(), 0, X509V3_ADD_DEFAULT) == 1;
 }
 
+// The purpose in digits: a host may have registered the identifier under a name of its own.
 bool add_usage(X509& certificate) {
     return zt::comment_extension_number(zt::kClientPurpose) != NID_undef &&
            zt::add_extension(certificate, NID_basic_constraints, "critical,CA:FALSE") &&
@@ -76,7 +77,7 @@ bool add_usage(X509& certificate) {
                              "digitalSignature,nonRepudiation,keyEncipherment,dataEncipherment,"
                              "keyAgreement") &&
            zt::add_extension(certificate, NID_ext_key_usage,
-                             "serverAuth,clientAuth,emailProtection,selvarClient");
+                             "serverAuth,clientAuth,emailProtection,1.3.6.1.4.1.49371.7.7.2.7");
 }
 
 bool add_client(X509& certificate, const zt::Client& client) {
@@ -115,6 +116,8 @@ zt::Certificate zt::make_client_certificate(const Client& client, const char* co
 }
 
 bool zt::add_extension(X509& certificate, int number, const char* value) {
+    // OpenSSL looks into the object of a "DER:" value's number whether there is one or not.
+    if (number == NID_undef || !OBJ_nid2obj(number)) return false;
     X509V3_CTX context;
     X509V3_set_ctx(&context, &certificate, &certificate, nullptr, nullptr, 0);
     X509V3_set_ctx_nodb(&context);
