@@ -25,6 +25,9 @@ using testing::StartsWith;
 namespace {
 
 constexpr const char* kErrorLines = "([0-9A-F]+:error:[^\n]+\n)+";
+
+// What is printed where this call fails for want of room: a call of the system's leaves its reason.
+std::string reason_of(const char* call) { return islower(*call) ? strerror(ENOSPC) : ""; }
 constexpr const char* kMissing = "missing public certificate\n";
 const std::string kDirectory = "/norv/certs";
 const std::string kListDirectory = "/norv/certs/ca";
@@ -209,6 +212,7 @@ TEST(OpensslRsaKey, LeavesNoFileAndPrintsTheErrorsWhereItCannotBeMade) {
         EXPECT_EQ(openssl_rsa_create_private_key(&bare.holder), -1) << call;
         EXPECT_TRUE(fault.hit()) << call;
         EXPECT_THAT(err.text(), MatchesRegex(kErrorLines)) << call;
+        EXPECT_THAT(err.text(), HasSubstr(reason_of(call))) << call;
         EXPECT_EQ(ERR_peek_error(), 0u);
         EXPECT_EQ(entries_of(files.path()), Strings{}) << call;
     }
@@ -359,6 +363,7 @@ TEST_F(OpensslRsaFiles, KeepTheRequestBeforeWhereANewOneCannotBeMade) {
         EXPECT_EQ(openssl_rsa_create_cert_req(&bare.holder), -1) << call;
         EXPECT_TRUE(fault.hit()) << call;
         EXPECT_THAT(err.text(), MatchesRegex(kErrorLines)) << call;
+        EXPECT_THAT(err.text(), HasSubstr(reason_of(call))) << call;
         EXPECT_EQ(content_of(OPENSSL_RSA_REQUEST), "the one before") << call;
         EXPECT_EQ(entries_of(kDirectory), (Strings{"ca", "certreq.csr"})) << call;
     }

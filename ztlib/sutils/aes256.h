@@ -18,7 +18,8 @@ ZT_BEGIN_DECLS
 enum {
     AES256_IV_SIZE = 16,            /* bytes */
     AES256_KEY_SIZE = 32,           /* bytes */
-    AES256_LENGTH_MAX = 0x7fffffdf  /* most bytes that one call takes, 2^31 - 33 */
+    AES256_LENGTH_MAX = 0x7fffffdf  /* most bytes that one call takes, 2^31 - 33; the ciphertext of
+                                     * more than 2^31 - 49 is too long to be decrypted in one */
 };
 
 /* A new context for this IV (AES256_IV_SIZE bytes) and key (AES256_KEY_SIZE bytes); both are

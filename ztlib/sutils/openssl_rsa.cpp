@@ -28,6 +28,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -52,6 +53,13 @@ bool complain(zt::Site here, const char* what) {
 }
 
 void print_errors() { ERR_print_errors_fp(stderr); }
+
+// Why a file was not written stands in errno; it is printed as an error of OpenSSL's, like the
+// rest.
+void print_write_error() {
+    ERR_put_error(ERR_LIB_SYS, 0, errno, "", 0);
+    print_errors();
+}
 
 // --- opening -------------------------------------------------------------------------------------
 
@@ -260,7 +268,8 @@ extern "C" int openssl_rsa_private_decrypt(openssl_rsa* holder, const void* data
 extern "C" int openssl_rsa_create_private_key(openssl_rsa* holder) {
     if (!holder || !holder->private_key_path) return -1;
     const char* const path = holder->private_key_path;
-    if (file_exists(path) == 0) return -1;  // before the seconds that a key takes
+    struct stat status;
+    if (lstat(path, &status) == 0) return -1;  // before the seconds that a key takes
     const zt::ErrorMark mark;
     const zt::Key key = zt::wrap_rsa_key(zt::generate_rsa_key());
     const zt::Bio pem = key ? zt::pem_of(*key) : nullptr;
@@ -271,7 +280,7 @@ extern "C" int openssl_rsa_create_private_key(openssl_rsa* holder) {
     zt::NewFile file(path, zt::kPrivateFile);
     if (!file) return -1;
     if (zt::write_content(file, pem) && file.take_free_place()) return 0;
-    print_errors();
+    print_write_error();
     return -1;
 }
 
@@ -286,7 +295,7 @@ extern "C" int openssl_rsa_create_cert_req(openssl_rsa* holder) {
     zt::NewFile file(OPENSSL_RSA_REQUEST, zt::kPublicFile);
     if (!file) return -1;
     if (zt::write_content(file, pem) && file.put_in_place()) return 0;
-    print_errors();
+    print_write_error();
     return -1;
 }
 

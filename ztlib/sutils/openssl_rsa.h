@@ -90,8 +90,9 @@ int openssl_rsa_private_decrypt(openssl_rsa *holder, const void *data, unsigned 
 
 /* Makes a private key of 4,096 bits with exponent 65537 and writes it to private_key_path: PEM,
  * PKCS#8, not encrypted, with mode 0600. The holder's own private_key stays as it is.
- * Returns 0; -1 when the file cannot be made (a file that exists is left alone), or when making or
- * writing the key fails: then OpenSSL's errors are printed and what was written is removed. */
+ * Returns 0; -1 when the file cannot be made (what exists, a link to nowhere too, is left alone), or
+ * when making or writing the key fails: then OpenSSL's errors are printed and what was written is
+ * removed. The file system must have hard links, which take a free name and no other. */
 int openssl_rsa_create_private_key(openssl_rsa *holder);
 
 /* Writes a signing request for private_key to OPENSSL_RSA_REQUEST, whatever is there: PEM, subject
@@ -110,8 +111,9 @@ void openssl_rsa_unlock(openssl_rsa *holder);
  * and writes the body of the answer, whatever its status, over OPENSSL_RSA_REVOCATION_LIST, which is
  * made (mode 0644, less the process's mask) when it is missing. The file is not truncated: of a longer
  * list that was there before, the tail stays. Remove the file first if that must not be.
- * Returns 0, also when the answer had no body or only part of one and nothing was written; -1 when
- * there was no answer, or the file cannot be opened or takes only part. */
+ * Returns 0, also when the answer had no body and nothing was written; -1 when there was no complete
+ * answer, or the file cannot be opened or takes only part. The host must announce Content-Length:
+ * else what arrived with the answer's header is all that is stored (see html_request()). */
 int openssl_rsa_update_crl(openssl_rsa *holder);
 
 ZT_END_DECLS
