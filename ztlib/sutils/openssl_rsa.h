@@ -95,7 +95,8 @@ int openssl_rsa_private_decrypt(openssl_rsa *holder, const void *data, unsigned 
  * removed. The file system must have hard links, which take a free name and no other. */
 int openssl_rsa_create_private_key(openssl_rsa *holder);
 
-/* Writes a signing request for private_key to OPENSSL_RSA_REQUEST, whatever is there: PEM, subject
+/* Writes a signing request for private_key to OPENSSL_RSA_REQUEST, in the place of a regular file that
+ * is there or that a link there leads to; it cannot be opened where anything else is. PEM, subject
  * "CN" = "NORV Server" and "O" = "Bexarin LLC", signed with SHA-1.
  * Returns 0, or -1; then OpenSSL's errors are printed, unless it is the file that cannot be
  * opened. */
