@@ -184,7 +184,7 @@ TEST(OpensslRsaKey, LeavesTheKeyOfAProcessThatWasFaster) {
     const ScratchDirectory files;
     Bare bare(files.write("key", "the faster one's"));
     {
-        const FailingCall not_there_yet("stat", ENOENT);
+        const FailingCall not_there_yet("lstat", ENOENT);
         EXPECT_EQ(openssl_rsa_create_private_key(&bare.holder), -1);
         EXPECT_TRUE(not_there_yet.hit());
     }
