@@ -741,11 +741,13 @@ TEST(NetThreadPool, RunsEveryRoutineOfManyNodesUnderManyInvitations) {
                 }
         });
     for (std::thread& inviter : inviters) inviter.join();
+    // The end of the reading stops a write that has not begun.
+    for (Connection& connection : connections)
+        EXPECT_TRUE(eventually([&] { return connection.writes >= 1; }));
     gate.open();
     for (Connection& connection : connections) {
         EXPECT_TRUE(eventually([&] { return connection.released(); }));
         EXPECT_EQ(connection.reads, 1);
-        EXPECT_GE(connection.writes, 1);
     }
     EXPECT_EQ(overlaps, 0);
 }
