@@ -30,8 +30,9 @@ void *aes256_ctx_init(const void *iv, const void *key);
 void aes256_ctx_free(void *ctx);
 
 /* Encrypts the *length bytes of `plaintext` (may be NULL when there are none).
- * Returns the ciphertext, the caller's to free(), and its length in *length; NULL, and *length as it
- * was, when memory is out, *length is negative or above AES256_LENGTH_MAX, or a pointer is NULL. */
+ * Returns the ciphertext, the caller's to free(), and its length in *length; NULL, and *length as
+ * it was, when memory is out, *length is negative or above AES256_LENGTH_MAX, or a pointer is
+ * NULL. */
 unsigned char *aes256_encrypt(void *ctx, const void *plaintext, int *length);
 
 /* Decrypts the *length bytes of `ciphertext` (may be NULL when there are none).

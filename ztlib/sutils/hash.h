@@ -10,8 +10,8 @@
  * `data` may be NULL when `length` is 0. All functions return 0, or -1 with nothing written when
  * `out_size` is too small, `length` is negative, or a pointer is NULL.
  *
- * Thread safety: any thread, any number at once; nothing is shared and nothing is allocated. What is
- * left of the data on the stack is cleansed. */
+ * Thread safety: any thread, any number at once; nothing is shared and nothing is allocated. What
+ * is left of the data on the stack is cleansed. */
 #ifndef ZTLIB_SUTILS_HASH_H
 #define ZTLIB_SUTILS_HASH_H
 
