@@ -4,6 +4,7 @@
 #include <tests/support/capture.h>
 #include <tests/support/faults.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -30,6 +31,17 @@ TEST(Split, GivesOnePartMoreThanThereAreDelimiters) {
     EXPECT_THAT(parts_of(",a", ','), ElementsAre("", "a"));
     EXPECT_THAT(parts_of(",", ','), ElementsAre("", ""));
     EXPECT_THAT(parts_of("abc", ','), ElementsAre("abc"));
+}
+
+TEST(Split, GivesAsManyPartsAsThereAre) {
+    std::vector<std::string> wanted;
+    std::string line;
+    for (int count = 1; count <= 200; ++count) {
+        if (count > 1) line += ' ';
+        wanted.push_back(std::to_string(count));
+        line += wanted.back();
+        EXPECT_EQ(parts_of(line.c_str(), ' '), wanted);
+    }
 }
 
 TEST(Split, TakesNoTextForAnEmptyOne) {
@@ -84,23 +96,32 @@ TEST(Split, ReleasesTheRecordOnRequest) {
 TEST(Split, RefusesNoRecord) { EXPECT_EQ(split("a", 1, ',', nullptr), -1); }
 
 TEST(Split, HoldsNothingAndSaysWhyWhenMemoryIsOut) {
-    for (FailingAllocations round; round.next();) {
-        CapturedLog log;
-        split_result result;
-        round.arm();
-        const int done = split("a,b", 3, ',', &result);
-        round.disarm();
-        if (round.hit()) {
-            EXPECT_EQ(done, -1);
-            EXPECT_EQ(result.count, 0u);
-            EXPECT_EQ(result.parts, nullptr);
-            const char* call = round.round() == 1 ? "calloc()" : "malloc()";
-            EXPECT_THAT(log.lines(), ElementsAre(std::string("WARN:split:split: ") + call +
-                                                 "(): Cannot allocate memory"));
-        } else {
-            EXPECT_EQ(done, 0);
-            EXPECT_THAT(log.lines(), ElementsAre());
+    const std::string forty(39, ',');  // more parts than the array has room for at first, and then
+    for (const std::string& text : {std::string("a,b"), forty}) {
+        std::vector<std::string> calls;
+        for (FailingAllocations round; round.next();) {
+            CapturedLog log;
+            split_result result;
+            round.arm();
+            const int done = split(text.c_str(), 0, ',', &result);
+            round.disarm();
+            EXPECT_EQ(done, round.hit() ? -1 : 0);
+            if (round.hit()) {
+                EXPECT_EQ(result.count, 0u);
+                EXPECT_EQ(result.parts, nullptr);
+                ASSERT_EQ(log.lines().size(), 1u);
+                calls.push_back(log.lines()[0]);
+            } else {
+                EXPECT_THAT(log.lines(), ElementsAre());
+            }
+            split_free(&result, 0);
         }
-        split_free(&result, 0);
+        const auto said = [&](const char* call) {
+            return std::count(
+                calls.begin(), calls.end(),
+                std::string("WARN:split:split: ") + call + "(): Cannot allocate memory");
+        };
+        EXPECT_EQ(said("calloc()"), text == forty ? 3 : 1) << "the array, and its growth";
+        EXPECT_EQ(said("malloc()"), text == forty ? 40 : 2) << "the parts";
     }
 }
