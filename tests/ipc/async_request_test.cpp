@@ -487,14 +487,18 @@ TEST(AsyncRequests, AnExpiredRequestKeepsTheDataThatItCameWith) {
         request->context = &expected;
         request->data = text_of("mine");
         request->data_length = 4;
+        const uint64_t id = request->id;
         async_request_begin(manager, request);
         {
             FailingCall fault("malloc", ENOMEM);
-            EXPECT_EQ(async_request_process(manager, request->id, 7, nullptr, 0), -1);
+            EXPECT_EQ(async_request_process(manager, id, 7, nullptr, 0), -1);
             EXPECT_TRUE(fault.hit());
         }
+        const void* const pending = hashtable_get_l(&manager->pending, &id);
+        ASSERT_EQ(pending, request);
         EXPECT_EQ(request->status, 0);
         EXPECT_EQ(request->data_length, 4);
+        pthread_mutex_unlock(&manager->pending.mutex);
         ASSERT_TRUE(calls.reach(1));
         EXPECT_EQ(calls.all()[0].status, ASYNC_REQUEST_TIMED_OUT);
         EXPECT_TRUE(calls.all()[0].has_data);
