@@ -49,7 +49,6 @@ enum Result {
 constexpr size_t kBlockSize = 32 * 1024;
 constexpr size_t kCacheLine = 64;
 constexpr mode_t kFileMode = 0644;
-constexpr int kFirstFreeDescriptor = STDERR_FILENO + 1;
 
 // --- what a database is --------------------------------------------------------------------------
 
@@ -384,10 +383,10 @@ extern "C" int filedb_fixed_fdopen(const filedb_fixed* db) {
     if (!db) return kFailed;
 
     int fd = open(db->path, O_RDWR | O_CREAT | O_CLOEXEC, kFileMode);
-    if (fd >= 0 && fd < kFirstFreeDescriptor) {
+    if (fd >= 0 && fd < zt::kFirstFreeDescriptor) {
         // What the host prints is not to end up in the database, and 0 would not be taken back.
         const zt::Descriptor standard_stream(fd);
-        fd = fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeDescriptor);
+        fd = fcntl(fd, F_DUPFD_CLOEXEC, zt::kFirstFreeDescriptor);
     }
     if (fd < 0) zt::report_call(here, "open");
     return fd;
